@@ -1,0 +1,33 @@
+# The two commands of the README. Both install missing Debian packages first.
+#   make demo   build, start the local sandbox backend, run the main job against it
+#   make test   build and run every test (plain, ASan+UBSan, and TSan for delivery)
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: demo test deps build build-asan build-tsan clean
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build -j$(JOBS)
+
+build-asan: deps
+	@cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=address,undefined \
+	  -DVELQUIN_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/asan -j$(JOBS)
+
+build-tsan: deps
+	@cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=thread \
+	  -DVELQUIN_BUILD_BENCH=OFF -DVELQUIN_TSAN_ONLY=ON $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/tsan -j$(JOBS)
+
+demo: build
+	@scripts/demo
+
+test: build build-asan
+	@scripts/run-tests
+
+clean:
+	rm -rf build

@@ -1,0 +1,58 @@
+#include "facade/OVUserDataManager.h"
+
+#include <uuid/uuid.h>
+
+#include "analytics/OVDeviceInfoManager.h"
+#include "facade/OVUtils.h"
+#include "platform/UserDefaults.h"
+
+namespace velquin {
+namespace {
+std::string newUuid() {
+  uuid_t uuid;
+  uuid_generate_random(uuid);
+  char text[37];
+  uuid_unparse_upper(uuid, text);
+  return text;
+}
+}  // namespace
+
+OVUserDataManager::OVUserDataManager(platform::UserDefaults& defaults,
+                                     OVDeviceInfoManager& deviceInfo)
+    : defaults_(defaults), deviceInfo_(deviceInfo) {
+  resolveUserId(std::nullopt);
+}
+
+std::string OVUserDataManager::userId() const {
+  std::lock_guard lock(mutex_);
+  return userId_;
+}
+
+void OVUserDataManager::resolveUserId(const std::optional<std::string>& requested) {
+  std::lock_guard lock(mutex_);
+  auto stored = defaults_.stringForKey(kUserIdKey);
+  if (stored && (!requested || *requested == *stored)) {
+    userId_ = *stored;
+    return;
+  }
+  if (requested) {
+    log("set new user id: " + *requested);
+    defaults_.setString(kUserIdKey, *requested);
+    userId_ = *requested;
+    return;
+  }
+  userId_ = newUuid();
+  defaults_.setString(kUserIdKey, userId_);
+  log("set new user id: " + userId_);
+}
+
+void OVUserDataManager::setUserId(const std::string& id) {
+  {
+    std::lock_guard lock(mutex_);
+    userId_ = id;
+    defaults_.setString(kUserIdKey, id);
+  }
+  deviceInfo_.setUserId(id);
+}
+
+}  // namespace velquin

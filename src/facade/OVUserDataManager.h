@@ -1,0 +1,38 @@
+// Decides which user id the SDK reports as appUserId and keeps it in user
+// defaults under "ORVENT_ANALYTICS_USER_ID".
+//
+// Ownership and threads: owned by OVPurchase (its userDataManager). Any
+// thread; the current id sits behind a mutex.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace velquin {
+class OVDeviceInfoManager;
+namespace platform {
+class UserDefaults;
+}
+
+class OVUserDataManager {
+ public:
+  static constexpr const char* kUserIdKey = "ORVENT_ANALYTICS_USER_ID";
+
+  // Resolves the id with no requested one: the stored id, or a new UUID.
+  OVUserDataManager(platform::UserDefaults& defaults, OVDeviceInfoManager& deviceInfo);
+
+  // Always present after construction.
+  std::string userId() const;
+  void resolveUserId(const std::optional<std::string>& requested);
+  // Makes `id` current, stores it, and copies it to the device information.
+  void setUserId(const std::string& id);
+
+ private:
+  platform::UserDefaults& defaults_;
+  OVDeviceInfoManager& deviceInfo_;
+  mutable std::mutex mutex_;
+  std::string userId_;  // guarded by mutex_
+};
+
+}  // namespace velquin

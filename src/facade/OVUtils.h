@@ -1,0 +1,41 @@
+// Process-wide flags held in memory only (never written to user defaults).
+//
+// Ownership and threads: one instance for the process (shared()). Flags are
+// atomics; the tag sits behind its own mutex. Any thread.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "velquin/Models.h"
+
+namespace velquin {
+
+class OVUtils {
+ public:
+  static OVUtils& shared();
+
+  // The tag of the last Init reply; absent until an Init answered (or failed).
+  std::optional<std::string> velquinSDkInit_tag() const;
+  // Stores the tag and hands it to OVDeviceInfoManagerHelper for event calls.
+  void setVelquinSDkInit_tag(const std::string& tag);
+
+  static void enableLogs(bool isEnable) { shared().isLogEnable = isEnable; }
+
+  std::atomic<OVPromotingInAppPurchaseStatus> promotingStatus{
+      OVPromotingInAppPurchaseStatus::proceed};
+  std::atomic<bool> isLogEnable{false};
+  std::atomic<bool> isActive{false};
+
+ private:
+  mutable std::mutex tagMutex_;
+  std::optional<std::string> tag_;  // guarded by tagMutex_
+};
+
+// The SDK's log line: "[<local time>] [OrventPurchase] <message>" on stdout,
+// only while OVUtils::isLogEnable is true.
+void log(std::string_view message);
+
+}  // namespace velquin

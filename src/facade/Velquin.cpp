@@ -1,0 +1,104 @@
+#include "velquin/Velquin.h"
+
+#include "AttributionRoot.pb.h"
+#include "analytics/OVDeviceInfoManager.h"
+#include "backend/GRPCserviceManager.h"
+#include "facade/OVUtils.h"
+#include "support/OVCFunctionToolHelper.h"
+#include "velquin/OVAnalytics.h"
+#include "velquin/OVPurchase.h"
+
+namespace velquin {
+
+Velquin& Velquin::shared() {
+  static Velquin* facade = new Velquin();  // lives for the process
+  return *facade;
+}
+
+Velquin::Velquin() : purchases_(OVPurchase::shared()), analytics_(std::make_unique<OVAnalytics>()) {}
+
+void Velquin::configure() { purchases_.configureInitSDKWithVelQuinPlist(); }
+
+void Velquin::setPurchasesLogs(bool enabled) { OVUtils::enableLogs(enabled); }
+
+void Velquin::setAnalyticsLogs(bool enabled) { OVDeviceInfoManager::shared().log = !enabled; }
+
+std::string Velquin::getAppUserId() const { return OVDeviceInfoManager::shared().userId(); }
+
+void Velquin::uploadUserInfo() {
+  purchases_.uploadUserInfo(std::nullopt, nlohmann::json::object(), nullptr);
+}
+
+void Velquin::uploadUserInfo(const std::optional<std::string>& userId,
+                             const nlohmann::json& extraAttribute,
+                             std::function<void(bool, std::optional<Error>)> completion) {
+  purchases_.uploadUserInfo(userId, extraAttribute, std::move(completion));
+}
+
+void Velquin::uploadDeviceInfo(const std::string& deviceToken,
+                               std::function<void(bool, std::optional<Error>)> completion) {
+  log("purchases finish to uploadDeviceInfo");
+  purchases_.networkManager().uploadDeviceToken(OVDeviceInfoManager::shared().deviceIdentifier(),
+                                                deviceToken, std::move(completion));
+}
+
+void Velquin::updateAttribution(const nlohmann::json& data, AttributionNetwork source,
+                                const std::optional<std::string>& networkUserId,
+                                AttributionCompletion completion) {
+  log("Geting updateAttribution data from server");
+  purchases_.networkManager().getAttribution(
+      static_cast<std::uint32_t>(source), OVCFunctionToolHelper::DataTOjsonString(data).value_or(""),
+      networkUserId, std::move(completion));
+}
+
+void Velquin::updateCustomAttribution(const std::string& channel,
+                                      const std::optional<std::string>& campaign,
+                                      const std::optional<std::string>& adGroup,
+                                      const std::optional<std::string>& creative,
+                                      const std::optional<std::string>& clickID,
+                                      AttributionCompletion completion) {
+  nlohmann::json data = {
+      {"channel", channel},
+      {"campaign", campaign.value_or("")},
+      {"ad_group", adGroup.value_or("")},
+      {"creative", creative.value_or("")},
+      {"click_id", clickID.value_or("")},
+      {"attributed", true},
+  };
+  log("Geting updateAttribution data from server");
+  purchases_.networkManager().getAttribution(
+      static_cast<std::uint32_t>(AttributionNetwork::custom),
+      OVCFunctionToolHelper::DataTOjsonString(data).value_or(""), std::nullopt,
+      std::move(completion));
+}
+
+void Velquin::createASignature(
+    const std::string& productId, const std::string& offerId, const std::string& userid,
+    std::function<void(std::optional<OVOfferSignatureDetail>, std::optional<Error>)> completion) {
+  purchases_.networkManager().generatePromotionalOfferSignature(
+      userid, productId, offerId,
+      [completion = std::move(completion)](
+          std::optional<iap::GeneratePromotionalOfferSignatureResponse> reply,
+          std::optional<Error> error) {
+        if (!completion) return;
+        if (!reply) return completion(std::nullopt, std::move(error));
+        completion(OVOfferSignatureDetail{reply->key_id(), reply->nonce(), reply->signature(),
+                                          reply->timestamp()},
+                   std::nullopt);
+      });
+}
+
+void Velquin::getCurrencyRate(
+    const std::string& currencyCode,
+    std::function<void(std::optional<double>, std::optional<Error>)> completion) {
+  purchases_.networkManager().getCurrencyRate(
+      currencyCode,
+      [completion = std::move(completion)](std::optional<iap::CurrencyRate> reply,
+                                           std::optional<Error> error) {
+        if (!completion) return;
+        if (!reply) return completion(std::nullopt, std::move(error));
+        completion(reply->currency_rate(), std::nullopt);
+      });
+}
+
+}  // namespace velquin

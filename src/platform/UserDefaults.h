@@ -1,0 +1,46 @@
+// User defaults: typed values kept in one property-list file per application
+// ($XDG_CONFIG_HOME/<bundle id>/defaults.plist), rewritten atomically on
+// every change.
+//
+// Ownership and threads: standard() lives for the process; every member may
+// be called from any thread (one mutex). A file that cannot be parsed is
+// renamed aside (never deleted), reported on stderr, and replaced.
+#pragma once
+
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/PropertyList.h"
+
+namespace velquin::platform {
+
+class UserDefaults {
+ public:
+  static UserDefaults& standard();
+
+  explicit UserDefaults(std::filesystem::path file);
+
+  std::optional<std::string> stringForKey(const std::string& key) const;
+  // False when missing or not a boolean.
+  bool boolForKey(const std::string& key) const;
+  std::optional<Bytes> dataForKey(const std::string& key) const;
+
+  void setString(const std::string& key, const std::string& value);
+  void setBool(const std::string& key, bool value);
+  void setData(const std::string& key, const Bytes& value);
+  void removeObjectForKey(const std::string& key);
+
+  const std::filesystem::path& file() const { return file_; }
+
+ private:
+  void setValue(const std::string& key, PlistValue value);
+  void persistLocked();
+
+  const std::filesystem::path file_;
+  mutable std::mutex mutex_;
+  PropertyList values_;  // guarded by mutex_
+};
+
+}  // namespace velquin::platform
