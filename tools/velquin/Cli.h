@@ -1,0 +1,95 @@
+// Shared pieces of the command-line host: argument access, waiting for a
+// completion with a time limit, and the one-JSON-object result.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include <google/protobuf/message.h>
+
+#include "velquin/Error.h"
+
+namespace velquin::cli {
+
+// What a command hands back: a JSON object, or an error.
+struct Outcome {
+  nlohmann::json result = nlohmann::json::object();
+  std::optional<Error> error;
+};
+
+inline Outcome failure(std::string message, std::int64_t code = 1,
+                       std::string domain = "velquin-cli") {
+  return Outcome{{}, Error{std::move(domain), code, std::move(message)}};
+}
+
+// The words after the command name, with --flag VALUE options pulled out.
+class Arguments {
+ public:
+  Arguments(std::vector<std::string> words, const std::vector<std::string>& flagsWithValue,
+            const std::vector<std::string>& switches = {});
+  const std::vector<std::string>& positional() const { return positional_; }
+  std::optional<std::string> option(const std::string& flag) const;
+  bool has(const std::string& flag) const;
+  // Set when a word was an unknown flag or a flag lacked its value.
+  const std::optional<std::string>& problem() const { return problem_; }
+
+ private:
+  std::vector<std::string> positional_;
+  std::map<std::string, std::string> options_;
+  std::optional<std::string> problem_;
+};
+
+// A one-shot result that a completion fills from any thread.
+template <class T>
+class Pending {
+ public:
+  void set(T value) {
+    std::lock_guard lock(mutex_);
+    if (value_) return;  // only the first report counts
+    value_ = std::move(value);
+    ready_.notify_all();
+  }
+  // Waits at most `limit`; absent when the time ran out.
+  std::optional<T> wait(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    ready_.wait_for(lock, limit, [&] { return value_.has_value(); });
+    return value_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::optional<T> value_;  // guarded by mutex_
+};
+
+struct Context {
+  std::chrono::milliseconds timeout{70000};  // --timeout: longest wait for one answer
+};
+
+using Handler = std::function<Outcome(const Context&, const std::vector<std::string>& words)>;
+
+struct Command {
+  std::string name;
+  std::string usage;  // arguments after the name
+  std::string summary;
+  bool needsConfigure = true;  // runs start-up first, as an app does at launch
+  Handler run;
+};
+
+// Commands by area; main.cpp collects them.
+std::vector<Command> spineCommands();
+
+Outcome timedOut(const std::string& what);
+nlohmann::json errorJson(const Error& error);
+// A protobuf message as JSON with its schema's field names.
+nlohmann::json messageJson(const google::protobuf::Message& message);
+
+}  // namespace velquin::cli

@@ -1,0 +1,98 @@
+// velquin: runs the SDK's operations from the command line and prints one
+// JSON object as the last line of standard output.
+//
+//   velquin --bundle DIR [--log] [--timeout SECONDS] COMMAND [ARGS...]
+#include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
+
+#include "Cli.h"
+#include "facade/OVUtils.h"
+#include "velquin/Bundle.h"
+#include "velquin/Velquin.h"
+
+namespace {
+
+using velquin::cli::Command;
+
+std::vector<Command> allCommands() {
+  std::vector<Command> commands = velquin::cli::spineCommands();
+  return commands;
+}
+
+void printUsage(std::FILE* out, const std::vector<Command>& commands) {
+  std::fprintf(out,
+               "usage: velquin --bundle DIR [--log] [--timeout SECONDS] COMMAND [ARGS...]\n\n"
+               "  --bundle DIR      folder with velquin-app-token.plist and Info.plist\n"
+               "                    (default: the folder of this program)\n"
+               "  --log             print the SDK's log lines before the result\n"
+               "  --timeout SECONDS longest wait for one backend answer (default 70)\n\n"
+               "commands:\n");
+  for (const auto& command : commands) {
+    std::fprintf(out, "  %s %s\n      %s\n", command.name.c_str(), command.usage.c_str(),
+                 command.summary.c_str());
+  }
+}
+
+[[noreturn]] void finish(const nlohmann::json& result, int status) {
+  std::cout << result.dump() << std::endl;
+  std::fflush(nullptr);
+  // Backend calls started by start-up may still be in flight; nothing of
+  // ours is left unwritten (user defaults and the event cache write
+  // synchronously), so leave without running static destructors under them.
+  _exit(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  auto commands = allCommands();
+  std::vector<std::string> words(argv + 1, argv + argc);
+  velquin::cli::Context context;
+  bool log = false;
+  size_t i = 0;
+  for (; i < words.size() && words[i].rfind("--", 0) == 0; ++i) {
+    if (words[i] == "--help" || words[i] == "-h") {
+      printUsage(stdout, commands);
+      return 0;
+    } else if (words[i] == "--log") {
+      log = true;
+    } else if ((words[i] == "--bundle" || words[i] == "--timeout") && i + 1 < words.size()) {
+      if (words[i] == "--bundle") {
+        velquin::Bundle::setMainBundlePath(words[i + 1]);
+      } else {
+        context.timeout = std::chrono::milliseconds(
+            static_cast<long long>(std::atof(words[i + 1].c_str()) * 1000));
+      }
+      ++i;
+    } else {
+      printUsage(stderr, commands);
+      finish(velquin::cli::errorJson({"velquin-cli", 2, "bad option " + words[i]}), 2);
+    }
+  }
+  if (i >= words.size()) {
+    printUsage(stderr, commands);
+    finish(velquin::cli::errorJson({"velquin-cli", 2, "no command"}), 2);
+  }
+  const std::string name = words[i];
+  std::vector<std::string> rest(words.begin() + static_cast<long>(i) + 1, words.end());
+  for (const auto& command : commands) {
+    if (command.name != name) continue;
+    // Switched on before the SDK exists so start-up's own lines show too.
+    velquin::OVUtils::enableLogs(log);
+    auto& sdk = velquin::Velquin::shared();
+    sdk.setAnalyticsLogs(!log);  // the delivery switch is stored inverted
+    if (command.needsConfigure) sdk.configure();
+    velquin::cli::Outcome outcome;
+    try {
+      outcome = command.run(context, rest);
+    } catch (const std::exception& error) {
+      outcome = velquin::cli::failure(std::string("bad argument: ") + error.what());
+    }
+    if (outcome.error) finish(velquin::cli::errorJson(*outcome.error), 1);
+    finish(outcome.result, 0);
+  }
+  printUsage(stderr, commands);
+  finish(velquin::cli::errorJson({"velquin-cli", 2, "unknown command " + name}), 2);
+}
