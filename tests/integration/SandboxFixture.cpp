@@ -1,0 +1,60 @@
+#include "SandboxFixture.h"
+
+#include <thread>
+
+#include "velquin/NotificationCenter.h"
+#include "velquin/OVPurchase.h"
+#include "velquin/Velquin.h"
+
+namespace velquin::testing {
+
+void SandboxTest::SetUp() {
+  sandbox::SandboxOptions options;
+  options.dataDir = env.root() / "sandbox";
+  options.faults = initialFaults();
+  server = std::make_unique<sandbox::SandboxServer>(options);
+  std::string error;
+  ASSERT_TRUE(server->start(&error)) << error;
+  env.installAsMainBundle();
+}
+
+void SandboxTest::TearDown() {
+  if (server) server->stop();
+}
+
+void SandboxTest::writeWorkingTokenFile() {
+  env.writeTokenFile({{"api_address", server->address()},
+                      {"access_token", server->config().value("access_token", "")},
+                      {"app_id", server->config().value("app_id", "")},
+                      {"api_root_certificates", server->caCertificatePem()}});
+}
+
+bool SandboxTest::configureAndWait(std::chrono::seconds limit) {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool handled = false;
+  auto token = NotificationCenter::defaultCenter().addObserver(
+      OVPurchase::kAppConfigHandledNotification, [&](const Notification&) {
+        std::lock_guard lock(mutex);
+        handled = true;
+        cv.notify_all();
+      });
+  Velquin::shared().configure();
+  std::unique_lock lock(mutex);
+  bool ok = cv.wait_for(lock, limit, [&] { return handled; });
+  lock.unlock();
+  NotificationCenter::defaultCenter().removeObserver(token);
+  return ok;
+}
+
+bool SandboxTest::waitForCalls(const std::string& method, size_t count,
+                               std::chrono::milliseconds limit) {
+  auto until = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < until) {
+    if (server->calls(method).size() >= count) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+}  // namespace velquin::testing

@@ -1,0 +1,205 @@
+// Start-up against a real backend over TLS: which headers each call carries,
+// what Init reports about the device, the order of the chain, and how bad
+// token files and failing calls are survived.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "AttributionRoot.pb.h"
+#include "SandboxFixture.h"
+#include "analytics/OVDeviceInfoManager.h"
+#include "backend/GRPCserviceManager.h"
+#include "facade/OVUtils.h"
+#include "platform/SystemInfo.h"
+#include "purchases/OVDataCache.h"
+#include "support/Await.h"
+#include "velquin/OVPurchase.h"
+#include "velquin/Velquin.h"
+
+namespace velquin::testing {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr const char* kBearer = "Bearer sandbox-access-token";
+
+class Startup : public SandboxTest {};
+
+TEST_F(Startup, EachCallCarriesItsHeaders) {
+  writeWorkingTokenFile();
+  ASSERT_TRUE(configureAndWait());
+  auto& sdk = Velquin::shared();
+  auto& network = sdk.purchases().networkManager();
+
+  Await<bool> rate, token, info, attribution, signature, message, subscriber, receipt;
+  sdk.getCurrencyRate("EUR", [&](auto, auto) { rate.set(true); });
+  sdk.uploadDeviceInfo("push-token", [&](bool, auto) { token.set(true); });
+  sdk.uploadUserInfo(std::nullopt, {{"plan", "pro"}}, [&](bool, auto) { info.set(true); });
+  sdk.updateCustomAttribution("ads", std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                              [&](auto, auto) { attribution.set(true); });
+  sdk.createASignature("com.velquin.demo.monthly", "intro", "u1",
+                       [&](auto, auto) { signature.set(true); });
+  network.getInAppMessage("welcome-offer", [&](auto, auto) { message.set(true); });
+  network.getSubscriber("u1", [&](auto, auto, auto) { subscriber.set(true); });
+  network.verifyReceipt({1, 2, 3}, "u1", {}, [&](auto, auto) { receipt.set(true); });
+  for (auto* await : {&rate, &token, &info, &attribution, &signature, &message, &subscriber,
+                      &receipt}) {
+    ASSERT_TRUE(await->wait());
+  }
+  // A second start-up: Init goes out again, still without the experiment header.
+  ASSERT_TRUE(configureAndWait());
+
+  for (const auto& call : server->calls()) {
+    SCOPED_TRACE(call.method);
+    EXPECT_EQ(call.authorization, kBearer);
+    if (call.method == "Init" || call.method == "GetCurrencyRate" ||
+        call.method == "UploadDeviceToken" || call.method == "GetInAppMessage") {
+      EXPECT_FALSE(call.experiment.has_value());
+    } else {
+      EXPECT_EQ(call.experiment, "exp-a");
+    }
+  }
+  EXPECT_EQ(server->calls("Init").size(), 2u);
+  // The experiment header of later calls follows the tag of the last Init.
+  EXPECT_EQ(OVUtils::shared().velquinSDkInit_tag(), "exp-a");
+}
+
+TEST_F(Startup, InitDescribesThisDevice) {
+  writeWorkingTokenFile();
+  ASSERT_TRUE(configureAndWait());
+  auto inits = server->calls("Init");
+  ASSERT_EQ(inits.size(), 1u);
+  const auto& request = inits[0].request;
+  EXPECT_EQ(request.value("user_id", ""), Velquin::shared().purchases().appUserId());
+  EXPECT_EQ(request.value("device_brand", ""), "Apple");
+  EXPECT_EQ(request.value("os", ""), "ios");
+  EXPECT_EQ(request.value("sdk_version", ""), "1.0.15");
+  EXPECT_EQ(request.value("package_name", ""), env.bundleId());
+  EXPECT_EQ(request.value("device_model", ""), platform::hardwareMachine());
+  EXPECT_EQ(request.value("language", ""), platform::localeIdentifier());
+  // Crosswise: the abbreviation in `timezone`, the zone name in `tz_abv`.
+  EXPECT_EQ(request.value("timezone", ""), platform::timeZoneAbbreviation());
+  EXPECT_EQ(request.value("tz_abv", ""), platform::timeZoneName());
+  EXPECT_EQ(request.value("device_id", ""), OVDeviceInfoManager::shared().deviceIdentifier());
+  EXPECT_FALSE(request.value("device_id", "").empty());
+}
+
+TEST_F(Startup, SubscriberAndConfigOnlyAfterInitAnswered) {
+  writeWorkingTokenFile();
+  ASSERT_TRUE(configureAndWait());
+  ASSERT_TRUE(waitForCalls("GetSubscriber", 1));
+  auto calls = server->calls();
+  auto position = [&](const std::string& method) {
+    for (size_t i = 0; i < calls.size(); ++i) {
+      if (calls[i].method == method) return static_cast<long>(i);
+    }
+    return -1L;
+  };
+  ASSERT_GE(position("Init"), 0);
+  EXPECT_GT(position("GetSubscriber"), position("Init"));
+  EXPECT_GT(position("GetAppConfig"), position("Init"));
+  EXPECT_EQ(server->calls("GetSubscriber")[0].request.value("app_user_id", ""),
+            Velquin::shared().purchases().appUserId());
+
+  auto& cache = Velquin::shared().purchases().dataCache();
+  EXPECT_EQ(cache.productIdsArray(),
+            (std::vector<std::string>{"com.velquin.demo.monthly", "com.velquin.demo.yearly"}));
+  EXPECT_FALSE(cache.paywallPage().value_or("").empty());
+  EXPECT_FALSE(cache.welcomePage().value_or("").empty());
+}
+
+class StartupWithInitDown : public SandboxTest {
+  sandbox::FaultOptions initialFaults() override {
+    sandbox::FaultOptions faults;
+    faults.failureRate["Init"] = 1.0;
+    return faults;
+  }
+};
+
+TEST_F(StartupWithInitDown, AFailedInitStillRunsTheChain) {
+  writeWorkingTokenFile();
+  ASSERT_TRUE(configureAndWait());
+  ASSERT_TRUE(waitForCalls("GetSubscriber", 1));
+  EXPECT_EQ(server->calls("Init")[0].status, 14);  // UNAVAILABLE
+  // The tag is set, to the empty text, so later calls carry an empty header.
+  EXPECT_EQ(OVUtils::shared().velquinSDkInit_tag(), "");
+  EXPECT_EQ(server->calls("GetAppConfig")[0].experiment, "");
+  EXPECT_FALSE(Velquin::shared().purchases().dataCache().productIdsArray().value_or(
+                   std::vector<std::string>{})
+                   .empty());
+}
+
+TEST_F(Startup, AFailedAppConfigKeepsTheCache) {
+  writeWorkingTokenFile();
+  ASSERT_TRUE(configureAndWait());
+  auto& cache = Velquin::shared().purchases().dataCache();
+  auto products = cache.productIdsArray();
+  auto paywall = cache.paywallPage();
+  ASSERT_TRUE(products && paywall);
+
+  sandbox::FaultOptions faults;
+  faults.failureRate["GetAppConfig"] = 1.0;
+  server->setFaults(faults);
+  OVUtils::enableLogs(true);
+  ::testing::internal::CaptureStdout();
+  ASSERT_TRUE(configureAndWait());
+  std::string logged = ::testing::internal::GetCapturedStdout();
+  EXPECT_NE(logged.find("[OrventPurchase] getAppConfig fail:"), std::string::npos) << logged;
+  EXPECT_EQ(cache.productIdsArray(), products);
+  EXPECT_EQ(cache.paywallPage(), paywall);
+}
+
+// A token file that start-up must not act on: nothing reaches the backend
+// and the app key stays empty.
+void expectNoStartup(SandboxTest* test, sandbox::SandboxServer& server) {
+  (void)test;
+  Velquin::shared().configure();
+  std::this_thread::sleep_for(300ms);
+  EXPECT_TRUE(server.calls().empty());
+  EXPECT_EQ(Velquin::shared().purchases().networkManager().appKey(), "");
+}
+
+TEST_F(Startup, MissingTokenFileDoesNothing) { expectNoStartup(this, *server); }
+
+TEST_F(Startup, NumericAccessTokenCountsAsMissing) {
+  env.writeTokenFile({{"api_address", server->address()},
+                      {"api_root_certificates", server->caCertificatePem()}},
+                     {{"access_token", "<integer>12345</integer>"}});
+  expectNoStartup(this, *server);
+}
+
+TEST_F(Startup, UnreadableTokenFileDoesNothing) {
+  { std::ofstream(env.bundleDir() / "velquin-app-token.plist") << "\x01\x02not a plist"; }
+  expectNoStartup(this, *server);
+}
+
+TEST_F(Startup, NonTextAddressFallsBackToTheGateway) {
+  env.writeTokenFile({{"access_token", "k"}}, {{"api_address", "<integer>443</integer>"}});
+  auto& network = Velquin::shared().purchases().networkManager();
+  EXPECT_EQ(network.serverUrl(), defaultGatewayAddress());
+  EXPECT_EQ(network.app_id(), "");
+}
+
+TEST_F(Startup, UserIdIsSharedByTwoProcesses) {
+  writeWorkingTokenFile();
+  auto run = [&](const std::string& args) {
+    std::string command = (binDir() / "velquin").string() + " --bundle " +
+                          env.bundleDir().string() + " " + args;
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    char buffer[4096];
+    while (pipe && fgets(buffer, sizeof buffer, pipe)) output = buffer;  // keep the last line
+    int status = pipe ? pclose(pipe) : -1;
+    EXPECT_EQ(status, 0) << command;
+    return nlohmann::json::parse(output, nullptr, false);
+  };
+  auto first = run("user-id");
+  auto second = run("configure --wait 20");
+  ASSERT_TRUE(first.is_object() && second.is_object());
+  EXPECT_EQ(first["userId"], second["userId"]);
+  EXPECT_EQ(second["tag"], "exp-a");
+  EXPECT_EQ(second["appConfigHandled"], true);
+  EXPECT_EQ(server->calls("Init").at(0).request.value("user_id", ""), first["userId"]);
+}
+
+}  // namespace
+}  // namespace velquin::testing
