@@ -28,6 +28,9 @@ struct FaultOptions {
   int failFirst = 0;
   // Added before every answer.
   int delayMs = 0;
+  // Seed of the generator that draws the failure shares, so a run with the
+  // same calls fails the same ones.
+  std::uint64_t seed = 1;
 };
 
 struct SandboxOptions {
@@ -76,6 +79,9 @@ class SandboxServer {
   std::string address() const;
   // PEM of the sandbox's certificate authority.
   std::string caCertificatePem() const;
+  // PEM (SubjectPublicKeyInfo) of the key that signs promotional offers;
+  // also kept as offer-public-key.pem in the data directory.
+  std::string offerPublicKeyPem() const;
 
   // A client bundle: velquin-app-token.plist ("api_address", "access_token",
   // "app_id", "api_root_certificates") and Info.plist.

@@ -1,0 +1,266 @@
+// velquin-sandbox: serves the local backend, or prints what it recorded.
+#include <pthread.h>
+#include <signal.h>
+
+#include <charconv>
+#include <cstdio>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Database.h"
+#include "SandboxServer.h"
+
+namespace {
+
+using velquin::sandbox::Database;
+using velquin::sandbox::SandboxOptions;
+using velquin::sandbox::SandboxServer;
+
+constexpr const char* kUsage = R"(Usage:
+  velquin-sandbox --data-dir D [--config F] [--host H] [--port P]
+                  [--write-bundle DIR] [--bundle-id ID]
+                  [--fail-rate METHOD=R]... [--fail-first N] [--delay-ms N]
+                  [--seed N] [serve]
+  velquin-sandbox --data-dir D events [--json]
+  velquin-sandbox --data-dir D calls [--method M] [--json]
+  velquin-sandbox --help
+
+serve (the default) answers every backend service over TLS on H:P
+(127.0.0.1, any free port by default) until SIGINT or SIGTERM. It prints
+"velquin-sandbox listening on <address>" and writes the port to D/port.
+--write-bundle writes velquin-app-token.plist and Info.plist for a client.
+--fail-rate answers a share R (0..1) of METHOD's calls ("*" for all) with
+UNAVAILABLE; --fail-first fails the first N calls; --delay-ms delays each.
+events and calls print what the sandbox recorded in D, without serving.
+)";
+
+struct Arguments {
+  SandboxOptions options;
+  std::string command = "serve";
+  std::optional<std::string> bundleDir;
+  std::string bundleId = "com.velquin.demo";
+  std::string method;
+  bool json = false;
+  bool help = false;
+};
+
+struct UsageError {
+  std::string message;
+};
+
+template <class Number>
+Number parseNumber(const std::string& option, const std::string& text, Number low, Number high) {
+  Number value{};
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (ec != std::errc() || end != text.data() + text.size() || value < low || value > high) {
+    throw UsageError{option + ": \"" + text + "\" is not a number from " + std::to_string(low) +
+                     " to " + std::to_string(high)};
+  }
+  return value;
+}
+
+double parseRate(const std::string& text) {
+  std::size_t used = 0;
+  double rate = -1;
+  try {
+    rate = std::stod(text, &used);
+  } catch (const std::exception&) {
+    used = 0;
+  }
+  if (used != text.size() || !(rate >= 0 && rate <= 1)) {
+    throw UsageError{"--fail-rate: \"" + text + "\" is not a share from 0 to 1"};
+  }
+  return rate;
+}
+
+Arguments parse(int argc, char** argv) {
+  Arguments args;
+  bool sawCommand = false;
+  std::vector<std::string> words(argv + 1, argv + argc);
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    std::string word = words[i];
+    std::optional<std::string> inlineValue;
+    if (word.rfind("--", 0) == 0) {
+      if (auto eq = word.find('='); eq != std::string::npos) {
+        inlineValue = word.substr(eq + 1);
+        word.resize(eq);
+      }
+    }
+    auto value = [&]() -> std::string {
+      if (inlineValue) return *inlineValue;
+      if (i + 1 >= words.size()) throw UsageError{word + " needs a value"};
+      return words[++i];
+    };
+    auto flag = [&] {
+      if (inlineValue) throw UsageError{word + " takes no value"};
+    };
+    if (word == "--help" || word == "-h") {
+      flag();
+      args.help = true;
+    } else if (word == "--data-dir") {
+      args.options.dataDir = value();
+    } else if (word == "--config") {
+      args.options.configFile = value();
+    } else if (word == "--host") {
+      args.options.host = value();
+    } else if (word == "--port") {
+      args.options.port = parseNumber(word, value(), 0, 65535);
+    } else if (word == "--write-bundle") {
+      args.bundleDir = value();
+    } else if (word == "--bundle-id") {
+      args.bundleId = value();
+    } else if (word == "--fail-rate") {
+      std::string spec = value();
+      auto eq = spec.find('=');
+      if (eq == std::string::npos || eq == 0) {
+        throw UsageError{"--fail-rate expects METHOD=R, got \"" + spec + "\""};
+      }
+      args.options.faults.failureRate[spec.substr(0, eq)] = parseRate(spec.substr(eq + 1));
+    } else if (word == "--fail-first") {
+      args.options.faults.failFirst = parseNumber(word, value(), 0, 1'000'000'000);
+    } else if (word == "--delay-ms") {
+      args.options.faults.delayMs = parseNumber(word, value(), 0, 60'000);
+    } else if (word == "--seed") {
+      args.options.faults.seed =
+          parseNumber<std::uint64_t>(word, value(), 0, UINT64_MAX);
+    } else if (word == "--method") {
+      args.method = value();
+    } else if (word == "--json") {
+      flag();
+      args.json = true;
+    } else if (word.rfind("-", 0) == 0) {
+      throw UsageError{"unknown option " + word};
+    } else if (!sawCommand && (word == "serve" || word == "events" || word == "calls")) {
+      args.command = word;
+      sawCommand = true;
+    } else {
+      throw UsageError{"unexpected argument \"" + word + "\""};
+    }
+  }
+  if (args.help) return args;
+  if (args.options.dataDir.empty()) throw UsageError{"--data-dir is required"};
+  if (args.json && args.command == "serve") throw UsageError{"--json goes with events or calls"};
+  if (!args.method.empty() && args.command != "calls") throw UsageError{"--method goes with calls"};
+  return args;
+}
+
+nlohmann::json optionalJson(const std::optional<std::string>& text) {
+  return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
+}
+
+int printRecorded(const Arguments& args) {
+  auto file = args.options.dataDir / Database::kFileName;
+  std::error_code ec;
+  if (!std::filesystem::exists(file, ec)) {
+    std::cerr << "velquin-sandbox: no sandbox database in " << args.options.dataDir.string() << '\n';
+    return 1;
+  }
+  std::string error;
+  auto database = Database::open(file, Database::Mode::readOnly, &error);
+  if (!database) {
+    std::cerr << "velquin-sandbox: " << error << '\n';
+    return 1;
+  }
+  if (args.command == "events") {
+    auto events = database->events();
+    if (args.json) {
+      nlohmann::json list = nlohmann::json::array();
+      for (const auto& e : events) {
+        list.push_back({{"requestId", e.requestId},
+                        {"name", e.name},
+                        {"value", e.value},
+                        {"userId", e.userId},
+                        {"timestamp", e.timestamp},
+                        {"authorization", e.authorization},
+                        {"experiment", e.experiment}});
+      }
+      std::cout << nlohmann::json{{"count", events.size()}, {"events", list}}.dump() << '\n';
+    } else {
+      std::cout << events.size() << " events\n";
+      for (const auto& e : events) {
+        std::cout << e.timestamp << '\t' << e.name << '\t' << e.userId << '\t'
+                  << (e.requestId.empty() ? "-" : e.requestId) << '\t' << e.value << '\n';
+      }
+    }
+  } else {
+    auto calls = database->calls(args.method);
+    if (args.json) {
+      nlohmann::json list = nlohmann::json::array();
+      for (const auto& c : calls) {
+        list.push_back({{"id", c.id},
+                        {"method", c.method},
+                        {"authorization", optionalJson(c.authorization)},
+                        {"experiment", optionalJson(c.experiment)},
+                        {"request", c.request},
+                        {"status", c.status},
+                        {"atMs", c.atMs}});
+      }
+      std::cout << nlohmann::json{{"count", calls.size()}, {"calls", list}}.dump() << '\n';
+    } else {
+      std::cout << calls.size() << " calls\n";
+      for (const auto& c : calls) {
+        std::cout << c.id << '\t' << c.atMs << '\t' << c.method << '\t' << c.status << '\t'
+                  << c.request.dump() << '\n';
+      }
+    }
+  }
+  std::cout.flush();
+  return 0;
+}
+
+int serve(const Arguments& args) {
+  // Every thread, gRPC's included, inherits this mask, so the signals reach
+  // only the sigwait below.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  SandboxServer server(args.options);
+  std::string error;
+  if (!server.start(&error)) {
+    std::cerr << "velquin-sandbox: " << error << '\n';
+    return 1;
+  }
+  if (args.bundleDir) {
+    std::error_code ec;
+    std::filesystem::create_directories(*args.bundleDir, ec);
+    if (!server.writeBundle(*args.bundleDir, args.bundleId, &error)) {
+      std::cerr << "velquin-sandbox: cannot write the bundle: " << error << '\n';
+      server.stop();
+      return 1;
+    }
+  }
+  std::cout << "velquin-sandbox listening on " << server.address() << std::endl;
+
+  int received = 0;
+  sigwait(&stopSignals, &received);
+  server.stop();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    Arguments args;
+    try {
+      args = parse(argc, argv);
+    } catch (const UsageError& e) {
+      std::cerr << "velquin-sandbox: " << e.message << "\n\n" << kUsage;
+      return 2;
+    }
+    if (args.help) {
+      std::cout << kUsage;
+      return 0;
+    }
+    if (args.command == "serve") return serve(args);
+    return printRecorded(args);
+  } catch (const std::exception& e) {
+    std::cerr << "velquin-sandbox: " << e.what() << '\n';
+    return 1;
+  }
+}

@@ -1,0 +1,147 @@
+// The velquin-sandbox program: arguments, serving until SIGTERM, the client
+// bundle it writes, and reading back what it recorded.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "platform/PropertyList.h"
+#include "support/TempEnvironment.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Child {
+  pid_t pid = -1;
+  int out = -1;  // read end of the child's stdout
+};
+
+Child spawnSandbox(const std::vector<std::string>& arguments) {
+  std::string program = (velquin::testing::binDir() / "velquin-sandbox").string();
+  std::vector<std::string> words = {program};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) return {};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  Child child;
+  if (posix_spawn(&child.pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) {
+    child.pid = -1;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipeFds[1]);
+  child.out = pipeFds[0];
+  return child;
+}
+
+// Reads the child's output until it closes, or up to the first line.
+std::string readOutput(int fd, bool firstLineOnly, std::chrono::milliseconds timeout) {
+  std::string text;
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!(firstLineOnly && text.find('\n') != std::string::npos)) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) break;
+    pollfd pfd{fd, POLLIN, 0};
+    if (poll(&pfd, 1, static_cast<int>(left.count())) <= 0) break;
+    char buffer[4096];
+    ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n <= 0) break;
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  return text;
+}
+
+int waitExit(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+struct Result {
+  int exitCode;
+  std::string out;
+};
+
+Result runSandbox(const std::vector<std::string>& arguments) {
+  Child child = spawnSandbox(arguments);
+  std::string out = readOutput(child.out, false, std::chrono::seconds(10));
+  close(child.out);
+  return {waitExit(child.pid), out};
+}
+
+TEST(SandboxProgram, RefusesBadArgumentsWithExitCodeTwo) {
+  EXPECT_EQ(runSandbox({"--no-such-option"}).exitCode, 2);
+  EXPECT_EQ(runSandbox({"serve"}).exitCode, 2);  // no data dir
+  EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "--port", "http"}).exitCode, 2);
+  EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "--fail-rate", "Init=1.5"}).exitCode, 2);
+  EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "--fail-rate", "Init"}).exitCode, 2);
+  EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "events", "extra"}).exitCode, 2);
+  auto help = runSandbox({"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_NE(help.out.find("--data-dir"), std::string::npos);
+}
+
+TEST(SandboxProgram, ServesUntilTerminatedAndWritesTheBundle) {
+  velquin::testing::TempEnvironment env;
+  fs::path data = env.root() / "data";
+  fs::path bundle = env.root() / "client-bundle";
+  Child child = spawnSandbox({"--data-dir", data.string(), "--port", "0", "--write-bundle",
+                              bundle.string(), "--bundle-id", "com.example.app", "serve"});
+  ASSERT_GT(child.pid, 0);
+  std::string line = readOutput(child.out, true, std::chrono::seconds(15));
+  const std::string prefix = "velquin-sandbox listening on localhost:";
+  ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
+  std::string port = line.substr(prefix.size(), line.find('\n') - prefix.size());
+
+  auto token = velquin::platform::PropertyList::load(bundle / "velquin-app-token.plist");
+  ASSERT_TRUE(token.has_value());
+  EXPECT_EQ(token->string("api_address"), "localhost:" + port);
+  EXPECT_EQ(token->string("access_token"), "sandbox-access-token");
+  EXPECT_EQ(token->string("app_id"), "sandbox-app");
+  EXPECT_NE(token->string("api_root_certificates").value_or("").find("BEGIN CERTIFICATE"),
+            std::string::npos);
+  auto info = velquin::platform::PropertyList::load(bundle / "Info.plist");
+  ASSERT_TRUE(info.has_value());
+  EXPECT_EQ(info->string("CFBundleIdentifier"), "com.example.app");
+  EXPECT_EQ(info->string("CFBundleVersion"), "1");
+
+  std::ifstream portFile(data / "port");
+  std::string written;
+  portFile >> written;
+  EXPECT_EQ(written, port);
+
+  kill(child.pid, SIGTERM);
+  EXPECT_EQ(waitExit(child.pid), 0);
+  close(child.out);
+
+  auto events = runSandbox({"--data-dir", data.string(), "events", "--json"});
+  EXPECT_EQ(events.exitCode, 0);
+  auto parsed = nlohmann::json::parse(events.out, nullptr, false);
+  ASSERT_TRUE(parsed.is_object()) << events.out;
+  EXPECT_EQ(parsed["count"], 0);
+  EXPECT_TRUE(parsed["events"].is_array());
+
+  EXPECT_EQ(runSandbox({"--data-dir", (env.root() / "empty").string(), "calls"}).exitCode, 1);
+}
+
+}  // namespace
