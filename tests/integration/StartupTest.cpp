@@ -3,6 +3,7 @@
 // token files and failing calls are survived.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <thread>
 
 #include "AttributionRoot.pb.h"
