@@ -1,9 +1,16 @@
 // Facts about the device and the user that requests carry: the app user id,
 // the request counter, the delivery log switch, the device and advertising
-// identifiers.
+// identifiers, the addresses, and the device facts of every event.
 //
-// Ownership and threads: one instance for the process (shared()); any thread.
-// Text fields sit behind one mutex, the counter and the flag are atomics.
+// Creating the shared instance starts the public-address lookup: one HTTP GET
+// of "<ip_lookup_address>/cityjson?ie=utf-8" (the token file's key; no
+// lookup when it is unset) on a background thread, whose "cip" becomes
+// extranetIp(). A failed lookup is not repeated.
+//
+// Ownership and threads: one instance for the process (shared()); tests make
+// their own. Any thread. Text fields and providers sit behind one mutex, the
+// counter and the flag are atomics. The object owns its lookup thread and
+// stops and joins it when destroyed.
 #pragma once
 
 #include <atomic>
@@ -12,11 +19,32 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 namespace velquin {
 namespace platform {
 class Keychain;
 }
+class OVDeviceInfoManagerHelper;
+
+// What an event's extra information carries about the device and the app.
+struct DeviceFacts {
+  std::string osVersion;
+  std::string packageName;         // CFBundleIdentifier
+  std::string packageVersion;      // CFBundleShortVersionString
+  std::string packageVersionCode;  // CFBundleVersion
+  std::string carrier;             // "Nocarrier" when no provider names one
+  std::string deviceModel;         // uname machine, e.g. "x86_64"
+  std::string deviceBrand;         // firmware vendor; may be empty
+  std::string locale;
+  std::string timeZone;
+  std::string timeZoneAbv;
+  std::int32_t screenWidth = 0;  // 0 until the host reports its screen
+  std::int32_t screenHeight = 0;
+  double screenDensity = 0;
+  std::int32_t extStorageSize = 0;        // MiB of the file system of the data folder
+  std::int32_t availableStorageSize = 0;  // MiB free there
+};
 
 class OVDeviceInfoManager {
  public:
@@ -25,40 +53,88 @@ class OVDeviceInfoManager {
   // Used when the machine gives no vendor identifier.
   static constexpr const char* kFallbackVendorId = "E621E7F8-0000-0000-0000-0C247A3E6E5F";
   static constexpr const char* kZeroAdvertisingId = "00000000-0000-0000-0000-000000000000";
+  static constexpr const char* kNoCarrier = "Nocarrier";
+
+  // The vendor identifier for an application id: upper-case UUID text, or
+  // empty when the machine gives none.
+  using VendorIdSource = std::function<std::string(const std::string& appId)>;
+  using AdvertisingIdProvider = std::function<std::optional<std::string>()>;
+  using CarrierProvider = std::function<std::optional<std::string>()>;
 
   static OVDeviceInfoManager& shared();
   OVDeviceInfoManager(platform::Keychain& keychain, std::string bundleIdentifier);
+  OVDeviceInfoManager(platform::Keychain& keychain, std::string bundleIdentifier,
+                      VendorIdSource vendorIdSource);
+  ~OVDeviceInfoManager();
+  OVDeviceInfoManager(const OVDeviceInfoManager&) = delete;
+  OVDeviceInfoManager& operator=(const OVDeviceInfoManager&) = delete;
 
   std::string userId() const;
   void setUserId(const std::string& userId);
   std::string idfa() const;
   void setIdfa(const std::string& idfa);
+  std::string appsflyer_device_id() const;
+  void setAppsflyer_device_id(const std::string& id);
+  // The public address; empty until a lookup succeeded.
   std::string extranetIp() const;
+  // The device's own address: the first IPv4 address of a non-loopback
+  // interface that is up; empty when none.
+  std::string ipAddress() const;
+  // The helper; its isReachable() is the delivery's reachability test.
+  OVDeviceInfoManagerHelper& objcHelper() const;
 
   // One stable text per installation, kept in the keychain under
-  // "<bundle id>.deviceID"; made from the app-specific machine id at first use.
+  // "<bundle id>.deviceID"; made from the vendor identifier at first use.
   std::string deviceIdentifier();
   // The advertising identifier, when the host installed a provider that
   // reports tracking as authorised; the all-zero text counts as none.
   std::optional<std::string> advertisingIdentifier() const;
-  using AdvertisingIdProvider = std::function<std::optional<std::string>()>;
   void setAdvertisingIdProvider(AdvertisingIdProvider provider);
+
+  // The facts an event carries, read now. Versions come from the main bundle.
+  DeviceFacts deviceFacts() const;
+  // The host's carrier name source (none by default).
+  void setCarrierProvider(CarrierProvider provider);
+  // The main screen in points and its scale, reported by the GTK host.
+  void setScreen(std::int32_t width, std::int32_t height, double density);
+
+  // Starts the public-address lookup against `address` (a host[:port],
+  // fetched over https, or a URL with its own http:// or https:// prefix).
+  // False, and no lookup, when `address` is absent or empty or a lookup was
+  // already started.
+  bool startPublicAddressLookup(const std::optional<std::string>& address);
+  // Waits until a started lookup has finished.
+  void waitForPublicAddressLookup();
 
   // Increments the request counter and returns the new value.
   std::int64_t nextRequestNumber() { return ++num; }
+  // Milliseconds since 1970.
+  static double getCurrentMSimestamp();
 
   std::atomic<std::int64_t> num{0};
   std::atomic<bool> log{false};  // delivery and analytics log switch
 
  private:
+  void lookUpPublicAddress(const std::string& url);
+
   platform::Keychain& keychain_;
   const std::string bundleIdentifier_;
+  const VendorIdSource vendorIdSource_;
   mutable std::mutex mutex_;
-  std::string userId_;                       // guarded by mutex_
-  std::string idfa_;                         // guarded by mutex_
-  std::string extranetIp_;                   // guarded by mutex_
-  std::optional<std::string> deviceId_;      // guarded by mutex_
+  std::string userId_;                           // guarded by mutex_
+  std::string idfa_;                             // guarded by mutex_
+  std::string appsflyerDeviceId_;                // guarded by mutex_
+  std::string extranetIp_;                       // guarded by mutex_
   AdvertisingIdProvider advertisingIdProvider_;  // guarded by mutex_
+  CarrierProvider carrierProvider_;              // guarded by mutex_
+  std::int32_t screenWidth_ = 0;                 // guarded by mutex_
+  std::int32_t screenHeight_ = 0;                // guarded by mutex_
+  double screenDensity_ = 0;                     // guarded by mutex_
+  std::mutex deviceIdMutex_;
+  std::optional<std::string> deviceId_;  // guarded by deviceIdMutex_
+  std::thread lookupThread_;                     // guarded by lookupMutex_
+  std::mutex lookupMutex_;
+  std::atomic<bool> stopLookup_{false};  // set by the destructor, read by the lookup
 };
 
 // The app-specific machine id for `appId` as upper-case UUID text, or empty
