@@ -1,6 +1,7 @@
 #include "platform/PropertyList.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <plist/plist.h>
 #include <unistd.h>
 
@@ -175,6 +176,9 @@ bool PropertyList::saveAtomically(const std::filesystem::path& file, std::string
   std::string tmp = file.string() + ".tmp." + std::to_string(getpid());
   int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return fail("cannot create " + tmp);
+  // A stale temporary file keeps its old mode through O_TRUNC; the rename
+  // would carry it over, so set the mode explicitly.
+  ::fchmod(fd, 0600);
   const char* p = text.data();
   size_t left = text.size();
   while (left > 0) {
