@@ -1,0 +1,114 @@
+#include "delivery/OVRequestCache.h"
+
+#include <chrono>
+#include <cstdio>
+
+#include "analytics/OVDeviceInfoManager.h"
+#include "support/Console.h"
+
+namespace velquin {
+namespace {
+
+// A plain decimal number ("123", "12.5"): pasted into the where clause it
+// compares numerically, and nothing else can ride along into the statement.
+bool isBareNumber(const std::string& text) {
+  bool digit = false;
+  bool point = false;
+  for (char c : text) {
+    if (c >= '0' && c <= '9') {
+      digit = true;
+    } else if (c == '.' && !point) {
+      point = true;
+    } else {
+      return false;
+    }
+  }
+  return digit;
+}
+
+std::string wholeNumberText(double value) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.f", value);
+  return text;
+}
+
+}  // namespace
+
+OVRequestCache& OVRequestCache::shared() {
+  static OVRequestCache* cache = new OVRequestCache(ZKFMDB::shareDatabase());  // lives for the process
+  return *cache;
+}
+
+OVRequestCache::OVRequestCache(ZKFMDB* store) : store_(store) {
+  if (!store_) {
+    support::warn("request cache: the local database is unavailable; analytics requests will "
+                  "not be cached");
+    return;
+  }
+  store_->zk_inDatabase([this] {
+    if (!store_->zk_isExistTable(kTableName)) {
+      store_->zk_createTable(kTableName, OVRequest::zk_model());
+    }
+  });
+}
+
+void OVRequestCache::addRequest(const OVRequest& request) {
+  if (!store_) return;
+  store_->zk_inDatabase([&] {
+    if (store_->zk_insertTable(kTableName, request)) return;
+    // The file may have been replaced after corruption: recreate the table
+    // and try once more.
+    if (!store_->zk_isExistTable(kTableName) &&
+        store_->zk_createTable(kTableName, OVRequest::zk_model())) {
+      store_->zk_insertTable(kTableName, request);
+    }
+  });
+}
+
+void OVRequestCache::deleteRequest(const std::optional<std::string>& requestId) {
+  if (!store_ || !requestId || !isBareNumber(*requestId)) return;
+  store_->zk_inDatabase(
+      [&] { store_->zk_deleteTable(kTableName, "WHERE requestId = %@", requestId); });
+}
+
+void OVRequestCache::allRequestsFromFmdbWihtClass(const ZKModelDescription& rowModel,
+                                                  const FinishBlock& finishBlock) {
+  if (!store_) {
+    if (finishBlock) finishBlock(std::nullopt);
+    return;
+  }
+  store_->zk_inDatabase([&] {
+    std::vector<std::shared_ptr<OVRequest>> requests;
+    for (auto& record : store_->zk_lookupTable(kTableName, rowModel)) {
+      auto* object = std::get_if<std::shared_ptr<ZKModelObject>>(&record);
+      if (!object) continue;
+      if (auto request = std::dynamic_pointer_cast<OVRequest>(*object)) {
+        requests.push_back(std::move(request));
+      }
+    }
+    if (finishBlock) finishBlock(requests);
+  });
+}
+
+void OVRequestCache::writeFatalCrash(const std::optional<std::string>& description) {
+  if (!store_) return;
+  using namespace std::chrono;
+  const double secondsSince1970 =
+      duration<double>(system_clock::now().time_since_epoch()).count();
+
+  nlohmann::json params = nlohmann::json::object();
+  params["eventName"] = kFatalCrashEventName;
+  if (description) params["eventValue"] = *description;
+  params["timestamp"] = wholeNumberText(secondsSince1970 * 1000.0);
+  OVDeviceInfoManager& device = OVDeviceInfoManager::shared();
+  if (std::string userId = device.userId(); !userId.empty()) params["userId"] = userId;
+
+  OVRequest request;
+  request.setParams(std::move(params));
+  const std::int64_t number = device.nextRequestNumber();
+  request.setRequestId(wholeNumberText(secondsSince1970 + static_cast<double>(number)));
+  request.setReliability(1);
+  addRequest(request);
+}
+
+}  // namespace velquin

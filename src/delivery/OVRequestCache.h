@@ -1,0 +1,65 @@
+// OVRequestCache: the table "user" of unsent analytics requests in the
+// shared table store. Rows are written before a request is sent and deleted
+// once the backend has taken it, so requests survive failed sends, killed
+// processes and crashes.
+//
+// Without a store (the file cannot be opened: read-only or missing data
+// folder, ...) the cache logs once with support::warn and every operation
+// does nothing: analytics are then not cached rather than the host being
+// stopped, since the library must never take the host process down.
+//
+// Ownership and threads: shared() lives for the process; other instances
+// (over a store the caller owns, which must outlive them) serve tests and
+// tools. Any thread may call every operation; each read and write runs
+// synchronously on the store's serial database queue. The completion of
+// allRequestsFromFmdbWihtClass runs on that queue; calling the cache from
+// inside it is allowed (it runs inline) but blocks the queue meanwhile.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "delivery/OVRequest.h"
+#include "delivery/ZKFMDB.h"
+
+namespace velquin {
+
+class OVRequestCache {
+ public:
+  static constexpr const char* kTableName = "user";
+  static constexpr const char* kFatalCrashEventName = "falal_crash";
+
+  // Over ZKFMDB::shareDatabase().
+  static OVRequestCache& shared();
+  // Over `store` (null: a disabled cache). Creates the table when missing.
+  explicit OVRequestCache(ZKFMDB* store);
+
+  // False when there is no store and every operation does nothing.
+  bool isAvailable() const { return store_ != nullptr; }
+
+  // Inserts the envelope's row. Failures are logged by the store; a
+  // request that could not be written is not cached.
+  void addRequest(const OVRequest& request);
+  // Deletes the rows with this id. Ids are decimal numbers compared as
+  // numbers; any other id (or none) deletes nothing.
+  void deleteRequest(const std::optional<std::string>& requestId);
+  using FinishBlock =
+      std::function<void(const std::optional<std::vector<std::shared_ptr<OVRequest>>>&)>;
+  // Every row restored as a fresh envelope (params absent, paramStr as
+  // stored), in table order; nullopt when there is no store.
+  void allRequestsFromFmdbWihtClass(const ZKModelDescription& rowModel,
+                                    const FinishBlock& finishBlock);
+  // Writes a "falal_crash" event for the next start to send: eventValue =
+  // `description` when given, timestamp = now in ms ("%.f"), userId = the
+  // device information's user id when it has one; requestId = "%.f" of
+  // (seconds since 1970 + the next request number).
+  void writeFatalCrash(const std::optional<std::string>& description);
+
+ private:
+  ZKFMDB* const store_;  // not owned; immutable; null when the store is absent
+};
+
+}  // namespace velquin
