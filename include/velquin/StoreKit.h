@@ -26,6 +26,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "velquin/Error.h"
@@ -57,7 +58,7 @@ Error makeSKError(SKErrorCode code, std::string message);
 // Products
 
 // A decimal amount kept as its exact decimal text ("9.99"), as the platform
-// keeps prices; doubleValue() for arithmetic.
+// keeps prices; doubleValue() for arithmetic. Plain value; any thread.
 class SKDecimalNumber {
  public:
   SKDecimalNumber() = default;
@@ -142,6 +143,7 @@ struct SKPaymentDiscount {
 };
 
 // A request to buy a product. Immutable; SKMutablePayment adds setters.
+// Plain values: copy freely, any thread.
 class SKPayment {
  public:
   explicit SKPayment(const SKProduct& product) : productIdentifier_(product.productIdentifier) {}
@@ -204,7 +206,8 @@ using SKPaymentTransactionPtr = std::shared_ptr<const SKPaymentTransaction>;
 
 class SKPaymentQueue;
 
-// Hears of the payment queue. Every call runs on the main queue.
+// Hears of the payment queue. The queue holds observers weakly (the app owns
+// them); every call runs on the main queue.
 class SKPaymentTransactionObserver {
  public:
   virtual ~SKPaymentTransactionObserver() = default;
@@ -251,6 +254,7 @@ class SKPaymentQueue {
 class SKRequest;
 class SKProductsRequest;
 
+// Held weakly by its request; every call runs on the main queue.
 class SKRequestDelegate {
  public:
   virtual ~SKRequestDelegate() = default;
@@ -340,7 +344,7 @@ class StoreBackend {
   virtual std::optional<std::filesystem::path> appStoreReceiptPath() const = 0;
 };
 
-// The process-wide active store.
+// The process-wide active store. Every member may be called from any thread.
 class StoreKit {
  public:
   // The installed back end; on first use without one, the local store made
