@@ -86,6 +86,8 @@ struct Command {
 
 // Commands by area; main.cpp collects them.
 std::vector<Command> spineCommands();
+std::vector<Command> eventCommands();
+std::vector<Command> purchaseCommands();
 
 Outcome timedOut(const std::string& what);
 nlohmann::json errorJson(const Error& error);

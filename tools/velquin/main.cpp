@@ -17,7 +17,12 @@ namespace {
 using velquin::cli::Command;
 
 std::vector<Command> allCommands() {
-  std::vector<Command> commands = velquin::cli::spineCommands();
+  std::vector<Command> commands;
+  for (auto area : {velquin::cli::spineCommands, velquin::cli::eventCommands,
+                    velquin::cli::purchaseCommands}) {
+    auto more = area();
+    commands.insert(commands.end(), more.begin(), more.end());
+  }
   return commands;
 }
 

@@ -1,0 +1,192 @@
+#include "delivery/OVRequestManager.h"
+
+#include "analytics/OVDeviceInfoManagerHelper.h"
+#include "backend/AppToken.h"
+#include "backend/EventdStub.h"
+#include "backend/GRPCserviceManager.h"
+#include "delivery/OVRequestCache.h"
+#include "support/Console.h"
+#include "velquin/Bundle.h"
+
+namespace velquin {
+namespace {
+
+bool deliveryLog() { return OVDeviceInfoManager::shared().log.load(); }
+
+
+}  // namespace
+
+std::shared_ptr<OVRequestManager> OVRequestManager::sharedPointer() {
+  static auto* instance = new std::shared_ptr<OVRequestManager>([] {  // lives for the process
+    AppToken token = AppToken::load(Bundle::main());
+    Options options;
+    options.host = token.apiAddress.value_or(defaultGatewayAddress());
+    options.rootCertificates = token.rootCertificates.value_or("");
+    options.cache = &OVRequestCache::shared();
+    options.isReachable = [] { return OVDeviceInfoManager::shared().objcHelper().isReachable(); };
+    options.deviceFacts = [] { return OVDeviceInfoManager::shared().deviceFacts(); };
+    options.identity = [] {
+      auto& info = OVDeviceInfoManager::shared();
+      return EventIdentity{info.deviceIdentifier(),
+                           info.advertisingIdentifier().value_or(info.idfa()), "", ""};
+    };
+    return create(std::move(options));
+  }());
+  return *instance;
+}
+
+OVRequestManager& OVRequestManager::shared() { return *sharedPointer(); }
+
+std::shared_ptr<OVRequestManager> OVRequestManager::create(Options options) {
+  return std::shared_ptr<OVRequestManager>(new OVRequestManager(std::move(options)));
+}
+
+OVRequestManager::OVRequestManager(Options options)
+    : options_(std::move(options)),
+      stub_(std::make_unique<EventdStub>(options_.host, options_.rootCertificates)) {}
+
+OVRequestManager::~OVRequestManager() {
+  stopping_ = true;
+  stopTimer();
+}
+
+size_t OVRequestManager::queued() const {
+  std::lock_guard lock(queueMutex_);
+  return requestQueue_.size();
+}
+
+void OVRequestManager::drainQueue() { addDelQueue_.sync([] {}); }
+
+void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, SuccessBlock success,
+                                      FailureBlock failure) {
+  if (!request) return;
+  addDelQueue_.async([weak = weak_from_this(), request = std::move(request),
+                      success = std::move(success), failure = std::move(failure)] {
+    auto self = weak.lock();
+    if (!self) return;
+    {
+      std::lock_guard lock(self->queueMutex_);
+      for (const auto& waiting : self->requestQueue_) {
+        if (waiting == request || *waiting == *request) return;  // already queued
+      }
+      self->requestQueue_.push_back(request);
+    }
+    self->sendPending(success, failure);
+  });
+}
+
+bool OVRequestManager::acquireSlot() {
+  // Waits without a limit, as long as the manager lives: a slot comes back
+  // with every reply, and every call ends by its deadline.
+  while (!semaphore_.try_acquire_for(std::chrono::milliseconds(200))) {
+    if (stopping_) return false;
+  }
+  return true;
+}
+
+void OVRequestManager::sendPending(const SuccessBlock& success, const FailureBlock& failure) {
+  for (;;) {
+    std::shared_ptr<OVRequest> request;
+    {
+      std::lock_guard lock(queueMutex_);
+      if (requestQueue_.empty()) return;
+      request = requestQueue_.front();
+      requestQueue_.pop_front();
+    }
+    if (!acquireSlot()) return;  // stopping: the row stays cached for the next start
+
+    if (request->paramStr() && !request->params()) {
+      std::string why;
+      if (!request->restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
+    }
+    const DeviceFacts facts = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
+    const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
+    auto eventRequest =
+        buildEventRequest(request->params().value_or(nlohmann::json::object()), facts, identity);
+
+    ++inFlight_;
+    auto call = stub_->prepareFireEvent(
+        eventRequest,
+        [weak = weak_from_this(), request, eventRequest, success, failure](
+            std::optional<protocol::EventResponse> reply, std::optional<Error> error) {
+          auto self = weak.lock();
+          if (!self) return;
+          self->handleReply(request, eventRequest, std::move(reply), std::move(error), success,
+                            failure);
+        },
+        options_.callTimeout);
+    EventdStub::FireEventCall::start(std::move(call));
+  }
+}
+
+void OVRequestManager::handleReply(const std::shared_ptr<OVRequest>& request,
+                                   const protocol::EventRequest& eventRequest,
+                                   std::optional<protocol::EventResponse> reply,
+                                   std::optional<Error> error, const SuccessBlock& success,
+                                   const FailureBlock& failure) {
+  --inFlight_;
+  semaphore_.release();
+  const std::string id = request->requestIdText();
+  if (reply) {
+    // Any reply counts as accepted, whatever its status.
+    if (options_.cache) options_.cache->deleteRequest(id);
+    if (deliveryLog()) {
+      support::printLine("\n✅✅✅Request address = " + options_.host + " \n request parameter = " +
+                         eventRequest.ShortDebugString() + " \n return data = " +
+                         (reply->status() ? "1" : "0") + " \n cache ID = " + id);
+    }
+    if (success) success(*reply);
+    return;
+  }
+  const bool reachable = !options_.isReachable || options_.isReachable();
+  if (reachable) {
+    if (request->retryCount() < 1) {
+      if (options_.cache) options_.cache->deleteRequest(id);  // given up
+    } else {
+      request->reduceRetryCount();
+      if (!stopping_) enqueueRequest(request);
+    }
+  }
+  // Unreachable: the row stays in the cache for the next upload.
+  if (deliveryLog()) {
+    support::printLine("\n❌❌❌Failure message = " + error.value_or(Error{}).message +
+                       " \nRequest parameter = " + eventRequest.ShortDebugString() +
+                       " \nCache ID = " + id);
+  }
+  if (failure) failure(error.value_or(Error{kGrpcErrorDomain, 2, "no reply"}));
+}
+
+void OVRequestManager::startTimer() {
+  MainQueue::shared().async([weak = weak_from_this()] {
+    auto self = weak.lock();
+    if (!self) return;
+    std::lock_guard lock(self->timerMutex_);
+    if (self->timer_) MainQueue::shared().cancel(*self->timer_);
+    self->timer_ = MainQueue::shared().every(
+        std::chrono::duration_cast<std::chrono::milliseconds>(self->options_.timerInterval),
+        [weak] {
+          if (auto owner = weak.lock()) owner->uploadCacheDataObjc();
+        });
+  });
+}
+
+void OVRequestManager::stopTimer() {
+  std::lock_guard lock(timerMutex_);
+  if (timer_) MainQueue::shared().cancel(*timer_);
+  timer_.reset();
+}
+
+void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failure) {
+  if (!options_.cache || !options_.cache->isAvailable()) return;
+  std::vector<std::shared_ptr<OVRequest>> rows;
+  options_.cache->allRequestsFromFmdbWihtClass(
+      OVRequest::zk_model(),
+      [&](const std::optional<std::vector<std::shared_ptr<OVRequest>>>& restored) {
+        if (restored) rows = *restored;
+      });
+  for (const auto& row : rows) {
+    enqueueRequest(std::make_shared<OVRequest>(*row), success, failure);
+  }
+}
+
+}  // namespace velquin

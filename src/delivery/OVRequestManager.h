@@ -1,0 +1,103 @@
+// The delivery engine for events. Producers write an envelope to the request
+// cache and hand it here; the manager sends it with FireEvent, at most three
+// calls in flight, deletes the cached row on any reply, retries a bounded
+// number of times while the network is reachable, leaves the row for later
+// while it is not, and re-sends whatever the cache holds every 60 seconds.
+//
+// Ownership and threads: shared() lives for the process; create() makes
+// private instances for tests and tools. Enqueue work and the send loop run
+// on the serial queue addDelQueue_ ("com.addDel.www"); replies arrive on
+// gRPC's callback threads, which never wait: a retry goes back through the
+// queue. The 60-second timer runs on the main queue. Replies hold the
+// manager weakly. Every block is called at most once per send.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <semaphore>
+#include <string>
+
+#include "EventRoot.pb.h"
+#include "analytics/OVDeviceInfoManager.h"
+#include "delivery/EventRequestBuilder.h"
+#include "delivery/OVRequest.h"
+#include "support/SerialQueue.h"
+#include "velquin/Error.h"
+#include "velquin/MainQueue.h"
+
+namespace velquin {
+class OVRequestCache;
+class EventdStub;
+
+class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
+ public:
+  using SuccessBlock = std::function<void(const protocol::EventResponse&)>;
+  using FailureBlock = std::function<void(const Error&)>;
+
+  struct Options {
+    std::string host;              // Port_push: host:port of the event service
+    std::string rootCertificates;  // extra PEM roots for the channel
+    OVRequestCache* cache = nullptr;
+    std::function<bool()> isReachable;  // the device information's reachability test
+    std::function<DeviceFacts()> deviceFacts;
+    std::function<EventIdentity()> identity;
+    std::chrono::milliseconds callTimeout{60000};
+    std::chrono::milliseconds timerInterval{60000};
+  };
+
+  static OVRequestManager& shared();
+  static std::shared_ptr<OVRequestManager> sharedPointer();
+  static std::shared_ptr<OVRequestManager> create(Options options);
+  ~OVRequestManager();
+
+  // Queues the envelope (unless this very envelope is queued already) and
+  // runs the send loop, asynchronously on the manager's queue.
+  void enqueueRequest(std::shared_ptr<OVRequest> request, SuccessBlock success = nullptr,
+                      FailureBlock failure = nullptr);
+  // (Re)starts the repeating timer that uploads the cache.
+  void startTimer();
+  void stopTimer();
+  // Enqueues a copy of every cached row.
+  void uploadCacheData(SuccessBlock success = nullptr, FailureBlock failure = nullptr);
+  void uploadCacheDataObjc() { uploadCacheData(); }
+
+  const std::string& Port_push() const { return options_.host; }
+  // Calls in flight and envelopes waiting (for tools and tests).
+  int inFlight() const { return inFlight_.load(); }
+  size_t queued() const;
+  // Waits until the queue has taken in everything enqueued so far.
+  void drainQueue();
+
+ private:
+  explicit OVRequestManager(Options options);
+  // The send loop; runs on addDelQueue_.
+  void sendPending(const SuccessBlock& success, const FailureBlock& failure);
+  void handleReply(const std::shared_ptr<OVRequest>& request,
+                   const protocol::EventRequest& eventRequest,
+                   std::optional<protocol::EventResponse> reply, std::optional<Error> error,
+                   const SuccessBlock& success, const FailureBlock& failure);
+  // Waits for one of the three call slots; false when the manager stops.
+  bool acquireSlot();
+
+  const Options options_;
+  std::unique_ptr<EventdStub> stub_;  // built once; safe to share between threads
+
+  mutable std::mutex queueMutex_;
+  std::deque<std::shared_ptr<OVRequest>> requestQueue_;  // guarded by queueMutex_
+  std::counting_semaphore<3> semaphore_{3};  // one permit per call in flight
+  std::atomic<int> inFlight_{0};
+  std::atomic<bool> stopping_{false};
+
+  std::mutex timerMutex_;
+  std::optional<MainQueue::TimerId> timer_;  // guarded by timerMutex_
+
+  // Last: destroyed first, so queued work finishes while the rest exists.
+  support::SerialQueue addDelQueue_{"com.addDel.www"};
+};
+
+}  // namespace velquin

@@ -1,0 +1,8 @@
+// Analytics events and the delivery cache.
+#include "Cli.h"
+
+namespace velquin::cli {
+
+std::vector<Command> eventCommands() { return {}; }
+
+}  // namespace velquin::cli
