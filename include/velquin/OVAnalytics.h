@@ -1,23 +1,92 @@
-// The analytics side: start-of-session events and the host's own events,
-// delivered durably.
+// Analytics: named events with their parameters, delivered durably (written
+// to the local event cache first, then sent; nothing is lost to a failed
+// send or a killed process), and the start-of-session event.
 //
-// Ownership and threads: made by the Velquin facade, lives for the process;
-// any thread.
+// Ownership and threads: made by the Velquin facade and kept for the
+// process. Every member may be called from any thread and returns once the
+// event is in the cache; the blocks run on gRPC's callback threads, at most
+// once per send attempt.
 #pragma once
 
 #include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "velquin/Error.h"
+
+namespace protocol {
+class EventResponse;
+}
 
 namespace velquin {
 
+// Event types and the names the backend receives for them.
+enum class EventType : int {
+  firstOpen = 0,       // "ev_first_open"
+  appStart = 1,        // "ev_app_start"
+  screenView = 2,      // "ev_scree_view"
+  adsClick = 3,        // "ev_ads_click"
+  adsShow = 4,         // "ev_ads_show"
+  adsRequest = 5,      // "ev_ads_request"
+  inAppPurchase = 6,   // "ev_in_app_purchases"
+  userEngagement = 7,  // "ev_user_engagement"
+  nonFatalCrash = 8,   // "non_fatal_crash"
+  fatalCrash = 9,      // "fatal_crash"
+  viewPaywall = 10,    // "ev_view_paywall"
+};
+const char* eventName(EventType type);
+
+enum class ParamScreenType { paramScreenNono = 0, paramScreenHome, paramScreenSet, eParamScreenLock };
+enum class ParamPlaceType { paramPlaceNono = 0, paramPlaceClean, paramPlaceBoost, paramPlaceInstall };
+enum class ParamAdSouceType {
+  paramAdSouceNono = 0,
+  paramAdSouceFacebook,
+  paramAdSouceAdmob,
+  paramAdSouceMobpup
+};
+enum class ParamFormatType { paramFormatNono = 0, paramFormatBanner, paramFormatInterstitial };
+
+// Typed event parameters. toDictionary() starts from otherData and then sets
+// "screeen_name", "splacement", "ad_source" and "format" for every field
+// that is not its "Nono" case (a typed field wins over otherData).
+struct ParamModel {
+  ParamScreenType screenType = ParamScreenType::paramScreenNono;
+  ParamPlaceType placeType = ParamPlaceType::paramPlaceNono;
+  ParamAdSouceType adsouceType = ParamAdSouceType::paramAdSouceNono;
+  ParamFormatType formatType = ParamFormatType::paramFormatNono;
+  nlohmann::json otherData = nlohmann::json::object();
+
+  nlohmann::json toDictionary() const;
+};
+
 class OVAnalytics {
  public:
-  // Start-up hook: reads "access_token" from the token file and, when there
-  // is one, hands it to the event client and schedules the deferred start
-  // (5 s later, on the main queue).
-  void registerBigDataWitInfoPlist();
+  using SuccessBlock = std::function<void(const protocol::EventResponse&)>;
+  using FailureBlock = std::function<void(const Error&)>;
 
-  // Work run by the deferred start; the delivery engine installs it.
-  static void setDeferredStart(std::function<void()> work);
+  // Each returns the request id of the stored event.
+  std::string uploadBigDataWithType(EventType type, const ParamModel& paramModel,
+                                    SuccessBlock success = nullptr,
+                                    FailureBlock failure = nullptr);
+  std::string uploadBigDataWithType(EventType type,
+                                    const nlohmann::json& params = nlohmann::json::object(),
+                                    SuccessBlock success = nullptr,
+                                    FailureBlock failure = nullptr);
+  // A free event name; the parameters travel as compact JSON in the event's value.
+  std::string uploadBigDataWithEvent(const std::optional<std::string>& eventName,
+                                     const nlohmann::json& params = nlohmann::json::object(),
+                                     SuccessBlock success = nullptr,
+                                     FailureBlock failure = nullptr);
+
+  // Start-up hook: reads "access_token" from the token file and, when there
+  // is one, hands it to the event client and, 5 s later on the main queue,
+  // uploads what the cache holds, sends "ev_first_open" (first start of the
+  // app) or "ev_app_start", and starts the 60-second re-send timer.
+  void registerBigDataWitInfoPlist();
+  // The deferred part of the start, run at once (tests, tools).
+  void runDeferredStart();
 };
 
 }  // namespace velquin

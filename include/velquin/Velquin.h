@@ -68,6 +68,11 @@ class Velquin {
   void createASignature(
       const std::string& productId, const std::string& offerId, const std::string& userid,
       std::function<void(std::optional<OVOfferSignatureDetail>, std::optional<Error>)> completion);
+  // The host's own event: the name and its parameters (compact JSON in the
+  // event's value), delivered durably. Returns the request id.
+  std::string uploadBigDataWithType(const std::string& eventName,
+                                    const nlohmann::json& params = nlohmann::json::object());
+
   void getCurrencyRate(const std::string& currencyCode,
                        std::function<void(std::optional<double>, std::optional<Error>)> completion);
 

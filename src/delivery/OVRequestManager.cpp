@@ -24,6 +24,9 @@ std::shared_ptr<OVRequestManager> OVRequestManager::sharedPointer() {
     options.rootCertificates = token.rootCertificates.value_or("");
     options.cache = &OVRequestCache::shared();
     options.isReachable = [] { return OVDeviceInfoManager::shared().objcHelper().isReachable(); };
+    options.hasCredentials = [] {
+      return !OVDeviceInfoManagerHelper::sharedManager().appKey().empty();
+    };
     options.deviceFacts = [] { return OVDeviceInfoManager::shared().deviceFacts(); };
     options.identity = [] {
       auto& info = OVDeviceInfoManager::shared();
@@ -60,6 +63,7 @@ void OVRequestManager::drainQueue() { addDelQueue_.sync([] {}); }
 void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, SuccessBlock success,
                                       FailureBlock failure) {
   if (!request) return;
+  if (options_.hasCredentials && !options_.hasCredentials()) return;
   addDelQueue_.async([weak = weak_from_this(), request = std::move(request),
                       success = std::move(success), failure = std::move(failure)] {
     auto self = weak.lock();

@@ -44,6 +44,9 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
     std::string rootCertificates;  // extra PEM roots for the channel
     OVRequestCache* cache = nullptr;
     std::function<bool()> isReachable;  // the device information's reachability test
+    // False while there is no app key to send with: envelopes then stay in
+    // the cache until the next upload instead of being refused and dropped.
+    std::function<bool()> hasCredentials;
     std::function<DeviceFacts()> deviceFacts;
     std::function<EventIdentity()> identity;
     std::chrono::milliseconds callTimeout{60000};
@@ -56,7 +59,9 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   ~OVRequestManager();
 
   // Queues the envelope (unless this very envelope is queued already) and
-  // runs the send loop, asynchronously on the manager's queue.
+  // runs the send loop, asynchronously on the manager's queue. Without
+  // credentials yet it does nothing: the cached row waits for the upload
+  // that analytics start runs once the app key is known.
   void enqueueRequest(std::shared_ptr<OVRequest> request, SuccessBlock success = nullptr,
                       FailureBlock failure = nullptr);
   // (Re)starts the repeating timer that uploads the cache.

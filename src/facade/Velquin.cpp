@@ -88,6 +88,11 @@ void Velquin::createASignature(
       });
 }
 
+std::string Velquin::uploadBigDataWithType(const std::string& eventName,
+                                           const nlohmann::json& params) {
+  return analytics_->uploadBigDataWithEvent(eventName, params);
+}
+
 void Velquin::getCurrencyRate(
     const std::string& currencyCode,
     std::function<void(std::optional<double>, std::optional<Error>)> completion) {
