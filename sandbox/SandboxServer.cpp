@@ -427,9 +427,13 @@ bool SandboxServer::start(std::string* error) {
 
     std::vector<std::string> receiptKeys =
         impl_->config.value("receipt_public_keys", std::vector<std::string>());
+    if (!ReceiptVerifier::create(receiptKeys, &problem)) {
+      return fail("bad configuration: \"receipt_public_keys\": " + problem);
+    }
     for (const auto& file : impl_->options.receiptPublicKeyFiles) {
       auto pem = readText(file);
       if (!pem) return fail("cannot read receipt public key " + file.string());
+      if (!ReceiptVerifier::create({*pem}, &problem)) return fail(file.string() + ": " + problem);
       receiptKeys.push_back(std::move(*pem));
     }
     impl_->receiptVerifier = ReceiptVerifier::create(receiptKeys, &problem);
