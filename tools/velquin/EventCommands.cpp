@@ -63,6 +63,26 @@ bool waitUntil(Clock::time_point until, Done done) {
   }
 }
 
+// Uploads the cache until it is empty or the time runs out. Rows whose send
+// failed without reaching the backend stay cached, so each time the manager
+// falls idle the cache is uploaded again (the SDK's own timer would do the
+// same every 60 s).
+bool drainCache(Clock::time_point until) {
+  auto& manager = OVRequestManager::shared();
+  auto lastUpload = Clock::now();
+  for (;;) {
+    if (cachedRows() == 0) return true;
+    if (Clock::now() >= until) return false;
+    manager.drainQueue();
+    if (manager.inFlight() == 0 && manager.queued() == 0 &&
+        Clock::now() - lastUpload > std::chrono::milliseconds(500)) {
+      manager.uploadCacheData();
+      lastUpload = Clock::now();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
 void progress(std::size_t done, std::size_t total) {
   if (!isatty(STDERR_FILENO) && done != total && done % 500 != 0) return;
   constexpr int width = 30;
@@ -96,8 +116,10 @@ Outcome flush(const Context&, const std::vector<std::string>& words) {
   auto until = Clock::now() + seconds(args, 60);
   auto started = Clock::now();
   bool haveKey = waitForCredentials(until);
-  if (haveKey) OVRequestManager::shared().uploadCacheData();
-  waitUntil(until, [] { return cachedRows() == 0; });
+  if (haveKey) {
+    OVRequestManager::shared().uploadCacheData();
+    drainCache(until);
+  }
   double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
   return Outcome{{{"remaining", cachedRows()}, {"credentials", haveKey}, {"seconds", elapsed}},
                  std::nullopt};
@@ -130,7 +152,7 @@ Outcome trackMany(const Context&, const std::vector<std::string>& words) {
   }
   if (ack) std::fclose(ack);
   auto stored = Clock::now();
-  waitUntil(until, [] { return cachedRows() == 0; });
+  drainCache(until);
   double total = std::chrono::duration<double>(Clock::now() - started).count();
   double storing = std::chrono::duration<double>(stored - started).count();
   return Outcome{{{"sent", count},
