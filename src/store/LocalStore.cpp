@@ -3,13 +3,13 @@
 // Every change of state happens in a task on MainQueue::shared(); the public
 // members only take the lock to record a request and post the task. Observer
 // and delegate calls are made from those tasks, never under the lock.
-#include <uuid/uuid.h>
 
 #include <algorithm>
 #include <cctype>
 #include <deque>
 #include <map>
 
+#include "support/Uuid.h"
 #include "store/Receipt.h"
 #include "store/StoreConfiguration.h"
 #include "store/StoreCrypto.h"
@@ -40,13 +40,7 @@ std::filesystem::path& defaultPathOverride() {
   return *path;
 }
 
-std::string newTransactionId() {
-  uuid_t uuid;
-  uuid_generate_random(uuid);
-  char text[37];
-  uuid_unparse_upper(uuid, text);
-  return text;
-}
+std::string newTransactionId() { return support::randomUuid(); }
 
 std::int64_t toMs(Clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
