@@ -9,11 +9,11 @@
 #include <deque>
 #include <map>
 
-#include "support/Uuid.h"
 #include "store/Receipt.h"
 #include "store/StoreConfiguration.h"
 #include "store/StoreCrypto.h"
 #include "store/TransactionHistory.h"
+#include "support/Uuid.h"
 #include "support/Console.h"
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
