@@ -241,10 +241,10 @@ class SandboxServer::Impl::IapService final : public iap::IAPService::Service {
   grpc::Status GetAppConfig(grpc::ServerContext* context, const iap::GetAppConfigRequest* request,
                             iap::GetAppConfigResponse* response) override {
     return impl_.serve(context, "GetAppConfig", *request, [&](auto&, const CallRow&) {
-      const auto& config = impl_.config;
-      response->set_welcome_page(config.value("welcome_page", std::string()));
-      response->set_paywall_page(config.value("paywall_page", std::string()));
-      if (auto ids = config.find("product_ids"); ids != config.end()) {
+      const auto& appConfig = impl_.config;
+      response->set_welcome_page(appConfig.value("welcome_page", std::string()));
+      response->set_paywall_page(appConfig.value("paywall_page", std::string()));
+      if (auto ids = appConfig.find("product_ids"); ids != appConfig.end()) {
         for (const auto& id : *ids) response->add_product_ids(id.get<std::string>());
       }
       return grpc::Status::OK;
