@@ -111,6 +111,16 @@ void OVRequestCache::deleteRequest(const std::optional<std::string>& requestId) 
       [&] { store_->zk_deleteTable(kTableName, "WHERE requestId = %@", requestId); });
 }
 
+void OVRequestCache::deleteRequests(const std::vector<std::string>& requestIds) {
+  if (!store_ || requestIds.empty()) return;
+  // One transaction for the whole batch: one commit instead of one per row.
+  store_->zk_inTransaction([&](bool&) {
+    for (const auto& id : requestIds) {
+      if (isBareNumber(id)) store_->zk_deleteTable(kTableName, "WHERE requestId = %@", id);
+    }
+  });
+}
+
 void OVRequestCache::allRequestsFromFmdbWihtClass(const ZKModelDescription& rowModel,
                                                   const FinishBlock& finishBlock) {
   if (!store_) {

@@ -46,6 +46,8 @@ class OVRequestCache {
   // Deletes the rows with this id. Ids are decimal numbers compared as
   // numbers; any other id (or none) deletes nothing.
   void deleteRequest(const std::optional<std::string>& requestId);
+  // deleteRequest for many ids, in one transaction.
+  void deleteRequests(const std::vector<std::string>& requestIds);
   using FinishBlock =
       std::function<void(const std::optional<std::vector<std::shared_ptr<OVRequest>>>&)>;
   // Every row restored as a fresh envelope (params absent, paramStr as

@@ -58,6 +58,10 @@ OVRequestManager::OVRequestManager(Options options)
 OVRequestManager::~OVRequestManager() {
   stopping_ = true;  // rows not sent yet stay cached for the next start
   stopTimer();
+  // Acknowledged rows leave the cache before the manager goes (the queued
+  // batch job can no longer reach this object).
+  deleteQueue_.sync([] {});
+  deleteAcknowledged();
 }
 
 size_t OVRequestManager::queued() const {
@@ -78,13 +82,29 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
     if (!self) return;
     {
       std::lock_guard lock(self->queueMutex_);
-      for (const auto& waiting : self->requestQueue_) {
-        if (waiting.request == pending.request || *waiting.request == *pending.request) return;
+      const std::string id = pending.request->requestIdText();
+      if (id.empty()) {
+        for (const auto& waiting : self->requestQueue_) {
+          if (waiting.request == pending.request) return;
+        }
+      } else if (!self->underWay_.insert(id).second) {
+        return;  // this request is queued or in flight already
       }
       self->requestQueue_.push_back(std::move(pending));
     }
     self->sendPending();
   });
+}
+
+void OVRequestManager::forget(const std::string& requestId) {
+  std::lock_guard lock(queueMutex_);
+  underWay_.erase(requestId);
+}
+
+DeviceFacts OVRequestManager::currentFacts() {
+  std::lock_guard lock(factsMutex_);
+  if (!facts_) facts_ = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
+  return *facts_;
 }
 
 void OVRequestManager::sendPending() {
@@ -109,7 +129,7 @@ void OVRequestManager::send(Pending pending) {
     std::string why;
     if (!request.restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
   }
-  const DeviceFacts facts = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
+  const DeviceFacts facts = currentFacts();
   const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
   auto eventRequest =
       buildEventRequest(request.params().value_or(nlohmann::json::object()), facts, identity);
@@ -133,24 +153,37 @@ void OVRequestManager::handleReply(const Pending& pending,
                                    std::optional<Error> error) {
   --inFlight_;
   semaphore_.release();
-  // Waiting envelopes get the freed slot.
-  addDelQueue_.async([weak = weak_from_this()] {
-    if (auto self = weak.lock()) self->sendPending();
-  });
+  // Waiting envelopes take the freed slot; the loop never blocks, so it may
+  // run on this callback thread.
+  sendPending();
 
   const auto& request = pending.request;
   const std::string id = request->requestIdText();
   if (reply) {
     // Any reply counts as accepted, whatever its status.
-    if (options_.cache) options_.cache->deleteRequest(id);
-    if (deliveryLog()) {
-      support::printLine("\n✅✅✅Request address = " + options_.host + " \n request parameter = " +
-                         eventRequest.ShortDebugString() + " \n return data = " +
-                         (reply->status() ? "1" : "0") + " \n cache ID = " + id);
+    auto after = [this, pending, eventRequest, id, status = reply->status(), response = *reply] {
+      if (deliveryLog()) {
+        support::printLine("\n✅✅✅Request address = " + options_.host +
+                           " \n request parameter = " + eventRequest.ShortDebugString() +
+                           " \n return data = " + (status ? "1" : "0") + " \n cache ID = " + id);
+      }
+      if (pending.success) pending.success(response);
+    };
+    bool schedule = false;
+    {
+      std::lock_guard lock(deleteMutex_);
+      acknowledged_.push_back({id, std::move(after)});
+      schedule = !deleteScheduled_;
+      deleteScheduled_ = true;
     }
-    if (pending.success) pending.success(*reply);
+    if (schedule) {
+      deleteQueue_.async([weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->deleteAcknowledged();
+      });
+    }
     return;
   }
+  forget(id);
   // A call that never got an answer from the backend (it could not be
   // reached, or did not answer before the deadline) counts as unreachable:
   // the row stays cached for the next upload rather than spending its
@@ -174,6 +207,24 @@ void OVRequestManager::handleReply(const Pending& pending,
   if (pending.failure) pending.failure(error.value_or(Error{kGrpcErrorDomain, 2, "no reply"}));
 }
 
+void OVRequestManager::deleteAcknowledged() {
+  std::vector<Acknowledged> batch;
+  {
+    std::lock_guard lock(deleteMutex_);
+    batch.swap(acknowledged_);
+    deleteScheduled_ = false;
+  }
+  std::vector<std::string> ids;
+  ids.reserve(batch.size());
+  for (const auto& entry : batch) ids.push_back(entry.requestId);
+  if (options_.cache) options_.cache->deleteRequests(ids);
+  {
+    std::lock_guard lock(queueMutex_);
+    for (const auto& id : ids) underWay_.erase(id);
+  }
+  for (auto& entry : batch) entry.after();
+}
+
 void OVRequestManager::startTimer() {
   MainQueue::shared().async([weak = weak_from_this()] {
     auto self = weak.lock();
@@ -195,6 +246,10 @@ void OVRequestManager::stopTimer() {
 }
 
 void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failure) {
+  {
+    std::lock_guard lock(factsMutex_);
+    facts_.reset();  // storage sizes and the screen may have changed
+  }
   if (!options_.cache || !options_.cache->isAvailable()) return;
   std::vector<std::shared_ptr<OVRequest>> rows;
   options_.cache->allRequestsFromFmdbWihtClass(

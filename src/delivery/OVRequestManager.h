@@ -5,14 +5,20 @@
 // while it is not, and re-sends whatever the cache holds every 60 seconds.
 //
 // Ownership and threads: shared() lives for the process; create() makes
-// private instances for tests and tools. Enqueue work and the send loop run
-// on the serial queue addDelQueue_ ("com.addDel.www"). The loop never
-// blocks: when all three call slots are taken, envelopes wait in the queue,
-// and each reply (on a gRPC callback thread) frees its slot and schedules
-// the loop again. No thread ever waits for a slot, so the fourth request
-// can neither deadlock a callback thread nor be lost. The 60-second timer
-// runs on the main queue. Replies hold the manager weakly. An envelope's
-// blocks are the ones given when it was enqueued; re-sends carry none.
+// private instances for tests and tools. Enqueue work runs on the serial
+// queue addDelQueue_ ("com.addDel.www"). The send loop never blocks: when
+// all three call slots are taken, envelopes wait in the queue, and each
+// reply (on a gRPC callback thread) frees its slot and runs the loop again
+// right there. No thread ever waits for a slot, so the fourth request can
+// neither deadlock a callback thread nor be lost. Acknowledged rows are
+// deleted in batches, one transaction each, on deleteQueue_; an envelope's
+// success block runs there after its row is gone. The 60-second timer runs
+// on the main queue. Replies hold the manager weakly. An envelope's blocks
+// are the ones given when it was enqueued; re-sends carry none.
+//
+// A request id that is queued or in flight is not queued again: the timer's
+// upload of the cache then does not send a row a second time while its
+// first send is still under way.
 #pragma once
 
 #include <atomic>
@@ -24,6 +30,8 @@
 #include <optional>
 #include <semaphore>
 #include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "EventRoot.pb.h"
 #include "analytics/OVDeviceInfoManager.h"
@@ -70,7 +78,8 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // (Re)starts the repeating timer that uploads the cache.
   void startTimer();
   void stopTimer();
-  // Enqueues a copy of every cached row.
+  // Enqueues a copy of every cached row, and refreshes the device facts
+  // that events carry.
   void uploadCacheData(SuccessBlock success = nullptr, FailureBlock failure = nullptr);
   void uploadCacheDataObjc() { uploadCacheData(); }
 
@@ -97,18 +106,35 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   void send(Pending pending);
   void handleReply(const Pending& pending, const protocol::EventRequest& eventRequest,
                    std::optional<protocol::EventResponse> reply, std::optional<Error> error);
+  // Deletes the acknowledged rows collected so far, then runs their blocks.
+  void deleteAcknowledged();
+  void forget(const std::string& requestId);
+  DeviceFacts currentFacts();
 
   const Options options_;
   std::unique_ptr<EventdStub> stub_;  // built once; safe to share between threads
 
   mutable std::mutex queueMutex_;
-  std::deque<Pending> requestQueue_;  // guarded by queueMutex_
+  std::deque<Pending> requestQueue_;           // guarded by queueMutex_
+  std::unordered_set<std::string> underWay_;   // guarded by queueMutex_: ids queued or in flight
   std::counting_semaphore<kMaxInFlight> semaphore_{kMaxInFlight};  // a permit per call in flight
   std::atomic<int> inFlight_{0};
   std::atomic<bool> stopping_{false};
 
   std::mutex timerMutex_;
   std::optional<MainQueue::TimerId> timer_;  // guarded by timerMutex_
+
+  std::mutex factsMutex_;
+  std::optional<DeviceFacts> facts_;  // guarded by factsMutex_; refreshed by uploadCacheData
+
+  struct Acknowledged {
+    std::string requestId;
+    std::function<void()> after;  // log line and success block
+  };
+  std::mutex deleteMutex_;
+  std::vector<Acknowledged> acknowledged_;  // guarded by deleteMutex_
+  bool deleteScheduled_ = false;            // guarded by deleteMutex_
+  support::SerialQueue deleteQueue_{"com.velquin.delivered"};
 
   // Last: destroyed first, so queued work finishes while the rest exists.
   support::SerialQueue addDelQueue_{"com.addDel.www"};

@@ -62,26 +62,18 @@ void SerialQueue::sync(const std::function<void()>& block) {
     invoke(block);
     return;
   }
+  // Wait until the queue has run everything submitted before and is idle,
+  // then borrow it and run on this thread: one wake-up instead of a
+  // hand-over to the queue thread and back.
   std::unique_lock lock(mutex_);
-  if (!busy_ && pending_.empty()) {
-    // Idle: borrow the queue and run on this thread.
-    busy_ = true;
-    lock.unlock();
-    invoke(block);
-    lock.lock();
-    busy_ = false;
-    lock.unlock();
-    wake_.notify_all();
-    return;
-  }
-  bool done = false;  // guarded by mutex_
-  pending_.push_back([&] {
-    invoke(block);
-    std::lock_guard doneLock(mutex_);
-    done = true;
-  });
+  wake_.wait(lock, [this] { return !busy_ && pending_.empty(); });
+  busy_ = true;
+  lock.unlock();
+  invoke(block);
+  lock.lock();
+  busy_ = false;
+  lock.unlock();
   wake_.notify_all();
-  wake_.wait(lock, [&] { return done; });
 }
 
 bool SerialQueue::isCurrent() const {

@@ -4,9 +4,9 @@
 // Ownership and threads: the owner keeps the queue alive for as long as work
 // may be submitted; the destructor runs what is still queued, then joins the
 // thread. async(), sync() and isCurrent() may be called from any thread.
-// sync() runs the block on the calling thread when the queue is idle (as a
-// serial dispatch queue does), which keeps a synchronous hop as cheap as a
-// mutex round trip; otherwise the block waits its turn on the queue thread.
+// sync() waits until every block submitted before it has run and the queue
+// is idle, then runs the block on the calling thread (as a serial dispatch
+// queue does), which keeps a synchronous hop as cheap as a mutex round trip.
 // Either way no two blocks of one queue ever overlap, and isCurrent() is true
 // inside every block. sync() from inside a block of the same queue runs the
 // block inline instead of deadlocking. An exception escaping a block is
