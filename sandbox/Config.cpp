@@ -1,5 +1,6 @@
 #include "Config.h"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -64,6 +65,19 @@ bool expectString(const nlohmann::json& config, const char* key, std::string* er
   return true;
 }
 
+bool isStringList(const nlohmann::json& value) {
+  return value.is_array() &&
+         std::all_of(value.begin(), value.end(), [](const auto& item) { return item.is_string(); });
+}
+
+bool expectStringList(const nlohmann::json& config, const char* key, std::string* error) {
+  if (config.contains(key) && !isStringList(config[key])) {
+    if (error) *error = std::string("\"") + key + "\" must be an array of strings";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 nlohmann::json defaultConfig() {
@@ -81,6 +95,11 @@ nlohmann::json defaultConfig() {
           {"content", "Your first month of premium costs half the price."},
           {"html", kOfferPage}}}}},
       {"currency_rates", {{"USD", 1.0}, {"EUR", 0.92}, {"GBP", 0.79}, {"JPY", 151.2}}},
+      {"receipt_public_keys", nlohmann::json::array()},
+      {"entitlements",
+       {{"pro", {"com.velquin.demo.monthly", "com.velquin.demo.yearly"}},
+        {"lifetime", {"com.velquin.demo.lifetime"}}}},
+      {"refunded_transactions", nlohmann::json::array()},
   };
 }
 
@@ -93,15 +112,18 @@ bool validateConfig(const nlohmann::json& config, std::string* error) {
                           "paywall_page"}) {
     if (!expectString(config, key, error)) return false;
   }
-  if (config.contains("product_ids")) {
-    const auto& ids = config["product_ids"];
-    if (!ids.is_array()) {
-      if (error) *error = "\"product_ids\" must be an array of strings";
+  for (const char* key : {"product_ids", "receipt_public_keys", "refunded_transactions"}) {
+    if (!expectStringList(config, key, error)) return false;
+  }
+  if (config.contains("entitlements")) {
+    const auto& entitlements = config["entitlements"];
+    if (!entitlements.is_object()) {
+      if (error) *error = "\"entitlements\" must be an object of product id lists";
       return false;
     }
-    for (const auto& id : ids) {
-      if (!id.is_string()) {
-        if (error) *error = "\"product_ids\" must be an array of strings";
+    for (const auto& [id, products] : entitlements.items()) {
+      if (!isStringList(products)) {
+        if (error) *error = "entitlement \"" + id + "\" must be an array of product ids";
         return false;
       }
     }

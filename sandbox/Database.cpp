@@ -49,12 +49,32 @@ CREATE TABLE IF NOT EXISTS events (
   authorization TEXT, experiment TEXT,
   received_ms INTEGER NOT NULL);
 CREATE INDEX IF NOT EXISTS events_by_request_id ON events(request_id);
+CREATE TABLE IF NOT EXISTS purchases (
+  id INTEGER PRIMARY KEY,
+  transaction_id TEXT NOT NULL UNIQUE,
+  app_user_id TEXT NOT NULL,
+  original_transaction_id TEXT NOT NULL,
+  product_id TEXT NOT NULL,
+  product_type TEXT NOT NULL,
+  purchase_ms INTEGER NOT NULL,
+  expires_ms INTEGER,
+  offer_id TEXT,
+  recorded_ms INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS purchases_by_user ON purchases(app_user_id);
+CREATE TABLE IF NOT EXISTS product_infos (
+  product_id TEXT PRIMARY KEY,
+  currency TEXT NOT NULL,
+  regular_price REAL NOT NULL,
+  introductory_price REAL NOT NULL,
+  discounts TEXT NOT NULL,
+  app_user_id TEXT NOT NULL,
+  at_ms INTEGER NOT NULL);
 )sql";
 
 const std::set<std::string>& tableNames() {
-  static const std::set<std::string> names = {"calls",        "users",      "init_calls",
-                                              "device_tokens", "attributions", "user_infos",
-                                              "events"};
+  static const std::set<std::string> names = {
+      "calls",      "users",  "init_calls", "device_tokens", "attributions",
+      "user_infos", "events", "purchases",  "product_infos"};
   return names;
 }
 
@@ -79,6 +99,36 @@ void bindOptional(SQLite::Statement& statement, int index, const std::optional<s
 std::optional<std::string> optionalText(const SQLite::Column& column) {
   if (column.isNull()) return std::nullopt;
   return column.getString();
+}
+
+void bindOptional(SQLite::Statement& statement, int index, const std::optional<std::int64_t>& value) {
+  if (value) {
+    statement.bind(index, static_cast<int64_t>(*value));
+  } else {
+    statement.bind(index);  // NULL
+  }
+}
+
+constexpr const char* kPurchaseColumns =
+    "app_user_id, transaction_id, original_transaction_id, product_id, product_type, purchase_ms, "
+    "expires_ms, offer_id, recorded_ms";
+
+// One row selected with kPurchaseColumns; false for a product type this
+// version does not know.
+bool readPurchase(SQLite::Statement& query, RecordedPurchase& out) {
+  auto type = productTypeFromName(query.getColumn(4).getString());
+  if (!type) return false;
+  out.appUserId = query.getColumn(0).getString();
+  Purchase& p = out.purchase;
+  p.transactionId = query.getColumn(1).getString();
+  p.originalTransactionId = query.getColumn(2).getString();
+  p.productId = query.getColumn(3).getString();
+  p.productType = *type;
+  p.purchaseMs = query.getColumn(5).getInt64();
+  if (!query.getColumn(6).isNull()) p.expiresMs = query.getColumn(6).getInt64();
+  p.offerId = optionalText(query.getColumn(7));
+  out.recordedMs = query.getColumn(8).getInt64();
+  return true;
 }
 
 // Runs a prepared insert once and leaves it ready for the next use.
@@ -113,11 +163,23 @@ struct Database::Statements {
         event(db,
               "INSERT INTO events (request_id, name, value, param, user_id, timestamp, "
               "authorization, experiment, received_ms) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+        purchase(db,
+                 "INSERT INTO purchases (transaction_id, app_user_id, original_transaction_id, "
+                 "product_id, product_type, purchase_ms, expires_ms, offer_id, recorded_ms) "
+                 "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?) "
+                 "ON CONFLICT(transaction_id) DO UPDATE SET app_user_id = excluded.app_user_id"),
+        productInfo(db,
+                    "INSERT OR REPLACE INTO product_infos (product_id, currency, regular_price, "
+                    "introductory_price, discounts, app_user_id, at_ms) "
+                    "VALUES (?, ?, ?, ?, ?, ?, ?)"),
+        purchasesOf(db, std::string("SELECT ") + kPurchaseColumns +
+                            " FROM purchases WHERE app_user_id = ? ORDER BY id"),
         begin(db, "BEGIN"),
         commit(db, "COMMIT"),
         rollback(db, "ROLLBACK") {}
 
-  SQLite::Statement call, user, init, deviceToken, attribution, userInfo, event;
+  SQLite::Statement call, user, init, deviceToken, attribution, userInfo, event, purchase,
+      productInfo, purchasesOf;
   SQLite::Statement begin, commit, rollback;
 };
 
@@ -180,6 +242,7 @@ void Database::rollback() {
     for (SQLite::Statement* statement :
          {&statements_->call, &statements_->user, &statements_->init, &statements_->deviceToken,
           &statements_->attribution, &statements_->userInfo, &statements_->event,
+          &statements_->purchase, &statements_->productInfo, &statements_->purchasesOf,
           &statements_->commit}) {
       statement->reset();
       statement->clearBindings();
@@ -270,6 +333,53 @@ void Database::Batch::addEvent(const protocol::EventRequest& r,
   run(s);
 }
 
+void Database::Batch::recordPurchase(const std::string& appUserId, const Purchase& p,
+                                     std::int64_t atMs) {
+  auto& s = db_.statements_->purchase;
+  s.bind(1, p.transactionId);
+  s.bind(2, appUserId);
+  s.bind(3, p.originalTransactionId);
+  s.bind(4, p.productId);
+  s.bind(5, productTypeName(p.productType));
+  s.bind(6, static_cast<int64_t>(p.purchaseMs));
+  bindOptional(s, 7, p.expiresMs);
+  bindOptional(s, 8, p.offerId);
+  s.bind(9, static_cast<int64_t>(atMs));
+  run(s);
+}
+
+void Database::Batch::addProductInfo(const std::string& appUserId, const iap::ProductInfo& info,
+                                     std::int64_t atMs) {
+  nlohmann::json discounts = nlohmann::json::array();
+  for (const auto& discount : info.discounts()) {
+    discounts.push_back({{"discount_id", discount.discount_id()},
+                         {"discount_price", static_cast<double>(discount.discount_price())}});
+  }
+  auto& s = db_.statements_->productInfo;
+  s.bind(1, info.product_id());
+  s.bind(2, info.currency());
+  s.bind(3, static_cast<double>(info.regular_price()));
+  s.bind(4, static_cast<double>(info.introductory_price()));
+  // Ids come from the client; never throw on bad UTF-8.
+  s.bind(5, discounts.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  s.bind(6, appUserId);
+  s.bind(7, static_cast<int64_t>(atMs));
+  run(s);
+}
+
+std::vector<Purchase> Database::Batch::purchasesOf(const std::string& appUserId) {
+  auto& query = db_.statements_->purchasesOf;
+  std::vector<Purchase> out;
+  query.bind(1, appUserId);
+  while (query.executeStep()) {
+    RecordedPurchase row;
+    if (readPurchase(query, row)) out.push_back(std::move(row.purchase));
+  }
+  query.reset();
+  query.clearBindings();
+  return out;
+}
+
 std::vector<RecordedCall> Database::calls(const std::string& method) const {
   std::vector<RecordedCall> out;
   std::lock_guard lock(mutex_);
@@ -319,6 +429,48 @@ std::vector<ReceivedEvent> Database::events() const {
     }
   } catch (const std::exception& e) {
     std::cerr << "velquin-sandbox: reading events: " << e.what() << '\n';
+  }
+  return out;
+}
+
+std::vector<RecordedPurchase> Database::purchases(const std::string& appUserId) const {
+  std::vector<RecordedPurchase> out;
+  std::lock_guard lock(mutex_);
+  try {
+    std::string sql = std::string("SELECT ") + kPurchaseColumns + " FROM purchases" +
+                      (appUserId.empty() ? "" : " WHERE app_user_id = ?") + " ORDER BY id";
+    SQLite::Statement query(*db_, sql);
+    if (!appUserId.empty()) query.bind(1, appUserId);
+    while (query.executeStep()) {
+      RecordedPurchase row;
+      if (readPurchase(query, row)) out.push_back(std::move(row));
+    }
+  } catch (const std::exception& e) {
+    // A data folder written before purchases were kept has no such table.
+    std::cerr << "velquin-sandbox: reading purchases: " << e.what() << '\n';
+  }
+  return out;
+}
+
+nlohmann::json Database::productInfos() const {
+  nlohmann::json out = nlohmann::json::array();
+  std::lock_guard lock(mutex_);
+  try {
+    SQLite::Statement query(*db_,
+                            "SELECT product_id, currency, regular_price, introductory_price, "
+                            "discounts, app_user_id, at_ms FROM product_infos ORDER BY product_id");
+    while (query.executeStep()) {
+      auto discounts = nlohmann::json::parse(query.getColumn(4).getString(), nullptr, false);
+      out.push_back({{"product_id", query.getColumn(0).getString()},
+                     {"currency", query.getColumn(1).getString()},
+                     {"regular_price", query.getColumn(2).getDouble()},
+                     {"introductory_price", query.getColumn(3).getDouble()},
+                     {"discounts", discounts.is_array() ? discounts : nlohmann::json::array()},
+                     {"app_user_id", query.getColumn(5).getString()},
+                     {"at_ms", query.getColumn(6).getInt64()}});
+    }
+  } catch (const std::exception& e) {
+    std::cerr << "velquin-sandbox: reading product prices: " << e.what() << '\n';
   }
   return out;
 }

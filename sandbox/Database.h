@@ -1,10 +1,12 @@
 // The sandbox's SQLite database (WAL) in its data directory: every call
 // answered, the users seen, Init calls, device tokens, attribution and user
-// info uploads, and the analytics events received.
+// info uploads, the analytics events received, the purchases of verified
+// receipts and the product prices clients sent with them.
 //
 // Ownership and threads: one connection guarded by mutex_. Writes happen in
 // write(), which runs the caller's work inside one transaction with the lock
-// held; the inserts are only reachable through the Batch it hands over.
+// held; the inserts, and the reads that must see them, are only reachable
+// through the Batch it hands over.
 // Reads take the same lock. Nothing here throws to the caller.
 #pragma once
 
@@ -21,6 +23,7 @@
 #include "NotificationRoot.pb.h"
 #include "SandboxServer.h"
 #include "SubscriberRoot.pb.h"
+#include "Subscribers.h"
 
 namespace SQLite {
 class Database;
@@ -63,6 +66,15 @@ class Database {
     void addUserInfo(const iap::UploadUserInfoRequest& request, std::int64_t atMs);
     void addEvent(const protocol::EventRequest& request, const std::optional<std::string>& authorization,
                   const std::optional<std::string>& experiment, std::int64_t atMs);
+    // Stores a purchase once per transaction id. A transaction shown again
+    // by another user moves to that user (a restore after a new user id);
+    // its other fields keep their first values.
+    void recordPurchase(const std::string& appUserId, const Purchase& purchase, std::int64_t atMs);
+    // Keeps the latest prices sent for a product.
+    void addProductInfo(const std::string& appUserId, const iap::ProductInfo& info,
+                        std::int64_t atMs);
+    // The user's purchases, this transaction's writes included.
+    std::vector<Purchase> purchasesOf(const std::string& appUserId);
 
    private:
     friend class Database;
@@ -88,6 +100,13 @@ class Database {
 
   std::vector<RecordedCall> calls(const std::string& method = "") const;
   std::vector<ReceivedEvent> events() const;
+  // Recorded purchases, every user's when `appUserId` is empty, in the
+  // order they were first recorded.
+  std::vector<RecordedPurchase> purchases(const std::string& appUserId = "") const;
+  // The latest prices per product: [{"product_id", "currency",
+  // "regular_price", "introductory_price", "discounts": [{"discount_id",
+  // "discount_price"}], "app_user_id", "at_ms"}], by product id.
+  nlohmann::json productInfos() const;
   // Row count of one of the tables (0 for unknown names).
   std::int64_t count(const std::string& table) const;
 

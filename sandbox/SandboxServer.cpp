@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iostream>
 #include <mutex>
+#include <sstream>
 
 #include "AttributionRoot.grpc.pb.h"
 #include "Config.h"
@@ -18,7 +19,9 @@
 #include "EventRoot.grpc.pb.h"
 #include "Faults.h"
 #include "NotificationRoot.grpc.pb.h"
+#include "Receipts.h"
 #include "SubscriberRoot.grpc.pb.h"
+#include "Subscribers.h"
 #include "platform/PropertyList.h"
 
 namespace velquin::sandbox {
@@ -63,6 +66,15 @@ std::string listenAddress(const std::string& host, int port) {
   std::string name = host.empty() ? "127.0.0.1" : host;
   if (name.find(':') != std::string::npos && name.front() != '[') name = "[" + name + "]";
   return name + ":" + std::to_string(port);
+}
+
+std::optional<std::string> readText(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) return std::nullopt;
+  return text.str();
 }
 
 bool writePortFile(const fs::path& dir, int port, std::string* error) {
@@ -116,6 +128,8 @@ struct SandboxServer::Impl {
   nlohmann::json config = defaultConfig();
   std::optional<TlsMaterial> tls;
   std::unique_ptr<OfferSigner> offerSigner;
+  std::unique_ptr<ReceiptVerifier> receiptVerifier;
+  SubscriberRules subscriberRules;
   std::unique_ptr<Database> database;  // synchronises itself
   std::unique_ptr<IapService> iapService;
   std::unique_ptr<EventService> eventService;
@@ -176,19 +190,41 @@ class SandboxServer::Impl::IapService final : public iap::IAPService::Service {
   explicit IapService(Impl& impl) : impl_(impl) {}
 
   grpc::Status GetSubscriber(grpc::ServerContext* context, const iap::SubscriberRequest* request,
-                             iap::Subscriber*) override {
+                             iap::Subscriber* response) override {
     return impl_.serve(context, "GetSubscriber", *request, [&](auto& batch, const CallRow& row) {
-      batch.touchUser(request->app_user_id(), row.atMs);
-      return grpc::Status::OK;  // no entitlements yet: an empty subscriber
+      const std::string& user = request->app_user_id();
+      batch.touchUser(user, row.atMs);
+      if (!user.empty()) {
+        *response = buildSubscriber(batch.purchasesOf(user), impl_.subscriberRules, row.atMs);
+      }
+      return grpc::Status::OK;
     });
   }
 
+  // Checks the receipt completely before anything is stored, so a refused
+  // receipt leaves no purchase and no price behind.
   grpc::Status VerifyReceipt(grpc::ServerContext* context, const iap::ReceiptRequest* request,
-                             iap::Subscriber*) override {
+                             iap::Subscriber* response) override {
     return impl_.serve(context, "VerifyReceipt", *request, [&](auto& batch, const CallRow& row) {
-      batch.touchUser(request->app_user_id(), row.atMs);
-      return grpc::Status(grpc::StatusCode::UNIMPLEMENTED,
-                          "sandbox: receipts are not verified yet");
+      const std::string& user = request->app_user_id();
+      batch.touchUser(user, row.atMs);
+      if (user.empty()) {
+        return grpc::Status(grpc::StatusCode::INVALID_ARGUMENT,
+                            "sandbox: the receipt request names no app_user_id");
+      }
+      ReceiptProblem problem;
+      auto receipt = impl_.receiptVerifier->verify(request->receipt(), &problem);
+      if (!receipt) {
+        return grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "sandbox: " + problem.message);
+      }
+      if (receipt->bundleId != impl_.config.value("bundle_id", std::string())) {
+        return grpc::Status(grpc::StatusCode::INVALID_ARGUMENT,
+                            "sandbox: receipt is for another app (\"" + receipt->bundleId + "\")");
+      }
+      for (const auto& purchase : receipt->purchases) batch.recordPurchase(user, purchase, row.atMs);
+      for (const auto& info : request->product_info()) batch.addProductInfo(user, info, row.atMs);
+      *response = buildSubscriber(batch.purchasesOf(user), impl_.subscriberRules, row.atMs);
+      return grpc::Status::OK;
     });
   }
 
@@ -389,6 +425,17 @@ bool SandboxServer::start(std::string* error) {
     if (!config) return fail(problem);
     impl_->config = std::move(*config);
 
+    std::vector<std::string> receiptKeys =
+        impl_->config.value("receipt_public_keys", std::vector<std::string>());
+    for (const auto& file : impl_->options.receiptPublicKeyFiles) {
+      auto pem = readText(file);
+      if (!pem) return fail("cannot read receipt public key " + file.string());
+      receiptKeys.push_back(std::move(*pem));
+    }
+    impl_->receiptVerifier = ReceiptVerifier::create(receiptKeys, &problem);
+    if (!impl_->receiptVerifier) return fail(problem);
+    impl_->subscriberRules = subscriberRulesFromConfig(impl_->config);
+
     impl_->tls = loadOrCreateTlsMaterial(dir, &problem);
     if (!impl_->tls) return fail(problem);
     impl_->offerSigner = OfferSigner::loadOrCreate(dir, &problem);
@@ -506,6 +553,16 @@ std::vector<RecordedCall> SandboxServer::calls(const std::string& method) const 
 std::vector<ReceivedEvent> SandboxServer::events() const {
   std::lock_guard lock(impl_->lifecycleMutex);
   return impl_->database ? impl_->database->events() : std::vector<ReceivedEvent>();
+}
+
+std::vector<RecordedPurchase> SandboxServer::purchases(const std::string& appUserId) const {
+  std::lock_guard lock(impl_->lifecycleMutex);
+  return impl_->database ? impl_->database->purchases(appUserId) : std::vector<RecordedPurchase>();
+}
+
+nlohmann::json SandboxServer::productInfos() const {
+  std::lock_guard lock(impl_->lifecycleMutex);
+  return impl_->database ? impl_->database->productInfos() : nlohmann::json::array();
 }
 
 const nlohmann::json& SandboxServer::config() const { return impl_->config; }

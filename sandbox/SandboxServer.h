@@ -17,6 +17,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Subscribers.h"
+
 namespace velquin::sandbox {
 
 // Faults the server injects before answering (tests and demos).
@@ -39,6 +41,9 @@ struct SandboxOptions {
   int port = 0;  // 0: any free port
   // JSON app configuration; built-in defaults when absent.
   std::optional<std::filesystem::path> configFile;
+  // Ed25519 public keys (PEM files) that receipts may be signed with, added
+  // to the configuration's "receipt_public_keys".
+  std::vector<std::filesystem::path> receiptPublicKeyFiles;
   FaultOptions faults;
 };
 
@@ -91,6 +96,10 @@ class SandboxServer {
   // Recorded state, read from the database.
   std::vector<RecordedCall> calls(const std::string& method = "") const;
   std::vector<ReceivedEvent> events() const;
+  // Purchases from verified receipts; every user's when `appUserId` is empty.
+  std::vector<RecordedPurchase> purchases(const std::string& appUserId = "") const;
+  // Latest product prices sent with receipts (see Database::productInfos).
+  nlohmann::json productInfos() const;
   const nlohmann::json& config() const;
 
   // Replace faults while serving.

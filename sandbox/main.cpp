@@ -3,14 +3,19 @@
 #include <signal.h>
 
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include <google/protobuf/util/json_util.h>
+
+#include "Config.h"
 #include "Database.h"
 #include "SandboxServer.h"
+#include "Subscribers.h"
 
 namespace {
 
@@ -21,10 +26,14 @@ using velquin::sandbox::SandboxServer;
 constexpr const char* kUsage = R"(Usage:
   velquin-sandbox --data-dir D [--config F] [--host H] [--port P]
                   [--write-bundle DIR] [--bundle-id ID]
+                  [--receipt-public-key FILE]...
                   [--fail-rate METHOD=R]... [--fail-first N] [--delay-ms N]
                   [--seed N] [serve]
   velquin-sandbox --data-dir D events [--json]
   velquin-sandbox --data-dir D calls [--method M] [--json]
+  velquin-sandbox --data-dir D [--config F] subscriber USER [--json]
+  velquin-sandbox --data-dir D transactions [--user USER] [--json]
+  velquin-sandbox --data-dir D products [--json]
   velquin-sandbox --help
 
 serve (the default) answers every backend service over TLS on H:P
@@ -33,7 +42,13 @@ serve (the default) answers every backend service over TLS on H:P
 --write-bundle writes velquin-app-token.plist and Info.plist for a client.
 --fail-rate answers a share R (0..1) of METHOD's calls ("*" for all) with
 UNAVAILABLE; --fail-first fails the first N calls; --delay-ms delays each.
-events and calls print what the sandbox recorded in D, without serving.
+--receipt-public-key trusts receipts signed with that Ed25519 key (PEM),
+besides the configuration's "receipt_public_keys".
+events, calls, transactions (purchases from verified receipts) and products
+(prices sent with receipts) print what the sandbox recorded in D, without
+serving. subscriber prints what USER is entitled to now, computed with the
+configuration's "entitlements" and "refunded_transactions", as JSON
+(indented; one line with --json).
 )";
 
 struct Arguments {
@@ -42,6 +57,8 @@ struct Arguments {
   std::optional<std::string> bundleDir;
   std::string bundleId = "com.velquin.demo";
   std::string method;
+  std::string user;       // subscriber's USER, or transactions' --user
+  bool userFlag = false;  // --user was given
   bool json = false;
   bool help = false;
 };
@@ -125,29 +142,126 @@ Arguments parse(int argc, char** argv) {
     } else if (word == "--seed") {
       args.options.faults.seed =
           parseNumber<std::uint64_t>(word, value(), 0, UINT64_MAX);
+    } else if (word == "--receipt-public-key") {
+      args.options.receiptPublicKeyFiles.emplace_back(value());
     } else if (word == "--method") {
       args.method = value();
+    } else if (word == "--user") {
+      args.user = value();
+      args.userFlag = true;
     } else if (word == "--json") {
       flag();
       args.json = true;
     } else if (word.rfind("-", 0) == 0) {
       throw UsageError{"unknown option " + word};
-    } else if (!sawCommand && (word == "serve" || word == "events" || word == "calls")) {
+    } else if (!sawCommand && (word == "serve" || word == "events" || word == "calls" ||
+                               word == "subscriber" || word == "transactions" ||
+                               word == "products")) {
       args.command = word;
       sawCommand = true;
+      if (word == "subscriber") {
+        if (i + 1 >= words.size() || words[i + 1].rfind("-", 0) == 0) {
+          throw UsageError{"subscriber needs a USER"};
+        }
+        args.user = words[++i];
+      }
     } else {
       throw UsageError{"unexpected argument \"" + word + "\""};
     }
   }
   if (args.help) return args;
   if (args.options.dataDir.empty()) throw UsageError{"--data-dir is required"};
-  if (args.json && args.command == "serve") throw UsageError{"--json goes with events or calls"};
+  if (args.json && args.command == "serve") throw UsageError{"--json does not go with serve"};
   if (!args.method.empty() && args.command != "calls") throw UsageError{"--method goes with calls"};
+  if (args.userFlag && args.command != "transactions") {
+    throw UsageError{"--user goes with transactions"};
+  }
   return args;
 }
 
 nlohmann::json optionalJson(const std::optional<std::string>& text) {
   return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
+}
+
+std::string subscriberJson(const velquin::iap::Subscriber& subscriber, bool oneLine) {
+  google::protobuf::util::JsonPrintOptions options;
+  options.preserve_proto_field_names = true;
+  options.always_print_primitive_fields = true;  // show false, 0 and StandardSub too
+  options.add_whitespace = !oneLine;
+  std::string out;
+  if (!google::protobuf::util::MessageToJsonString(subscriber, &out, options).ok()) return "{}";
+  while (!out.empty() && out.back() == '\n') out.pop_back();
+  return out;
+}
+
+int printPurchases(const Database& database, const Arguments& args) {
+  auto rows = database.purchases(args.user);
+  if (args.json) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const auto& row : rows) {
+      const auto& p = row.purchase;
+      list.push_back({{"app_user_id", row.appUserId},
+                      {"transaction_id", p.transactionId},
+                      {"original_transaction_id", p.originalTransactionId},
+                      {"product_id", p.productId},
+                      {"product_type", velquin::sandbox::productTypeName(p.productType)},
+                      {"purchase_date_ms", p.purchaseMs},
+                      {"expires_date_ms", p.expiresMs ? nlohmann::json(*p.expiresMs) : nullptr},
+                      {"offer_id", optionalJson(p.offerId)},
+                      {"recorded_ms", row.recordedMs}});
+    }
+    std::cout << nlohmann::json{{"count", rows.size()}, {"transactions", list}}.dump(
+                     -1, ' ', false, nlohmann::json::error_handler_t::replace)
+              << '\n';
+  } else {
+    std::cout << rows.size() << " transactions\n";
+    for (const auto& row : rows) {
+      const auto& p = row.purchase;
+      std::cout << row.appUserId << '\t' << p.transactionId << '\t' << p.originalTransactionId
+                << '\t' << p.productId << '\t' << velquin::sandbox::productTypeName(p.productType)
+                << '\t' << p.purchaseMs << '\t'
+                << (p.expiresMs ? std::to_string(*p.expiresMs) : "-") << '\t'
+                << p.offerId.value_or("-") << '\n';
+    }
+  }
+  return 0;
+}
+
+int printProducts(const Database& database, const Arguments& args) {
+  auto products = database.productInfos();
+  if (args.json) {
+    std::cout << nlohmann::json{{"count", products.size()}, {"products", products}}.dump(
+                     -1, ' ', false, nlohmann::json::error_handler_t::replace)
+              << '\n';
+  } else {
+    std::cout << products.size() << " products\n";
+    for (const auto& p : products) {
+      std::cout << p["product_id"].get<std::string>() << '\t' << p["currency"].get<std::string>()
+                << '\t' << p["regular_price"].get<double>() << '\t'
+                << p["introductory_price"].get<double>() << '\t'
+                << p["discounts"].dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+                << '\n';
+    }
+  }
+  return 0;
+}
+
+int printSubscriber(const Database& database, const Arguments& args) {
+  std::string error;
+  auto config = velquin::sandbox::loadConfig(args.options.configFile, &error);
+  if (!config) {
+    std::cerr << "velquin-sandbox: " << error << '\n';
+    return 1;
+  }
+  std::vector<velquin::sandbox::Purchase> purchases;
+  for (auto& row : database.purchases(args.user)) purchases.push_back(std::move(row.purchase));
+  auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                 std::chrono::system_clock::now().time_since_epoch())
+                 .count();
+  auto subscriber = velquin::sandbox::buildSubscriber(
+      purchases, velquin::sandbox::subscriberRulesFromConfig(*config), now);
+  std::cout << subscriberJson(subscriber, args.json) << '\n';
+  return 0;
 }
 
 int printRecorded(const Arguments& args) {
@@ -163,6 +277,9 @@ int printRecorded(const Arguments& args) {
     std::cerr << "velquin-sandbox: " << error << '\n';
     return 1;
   }
+  if (args.command == "subscriber") return printSubscriber(*database, args);
+  if (args.command == "transactions") return printPurchases(*database, args);
+  if (args.command == "products") return printProducts(*database, args);
   if (args.command == "events") {
     auto events = database->events();
     if (args.json) {

@@ -168,7 +168,7 @@ TEST_F(SandboxTest, AnswersEveryMethodAndRecordsHeadersAndRequests) {
   EXPECT_EQ(subscriber.entitlements_size(), 0);
   iap::ReceiptRequest receipt;
   EXPECT_EQ(client.iap->VerifyReceipt(Client::context().get(), receipt, &subscriber).error_code(),
-            StatusCode::UNIMPLEMENTED);
+            StatusCode::INVALID_ARGUMENT);
 
   push_notification::UploadDeviceTokenRequest token;
   token.set_device_id("device-1");
