@@ -3,7 +3,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <algorithm>
 #include <memory>
+#include <thread>
 
 #include "Cli.h"
 #include "velquin/Bundle.h"
@@ -110,6 +112,27 @@ std::pair<std::map<std::string, SKProductPtr>, std::optional<Outcome>> fetchProd
   if (!answer) return {{}, timedOut("the store's product lookup")};
   if (answer->second) return {{}, Outcome{{}, answer->second}};
   return {answer->first, std::nullopt};
+}
+
+// The SDK finishes a verified transaction after the host's completion has
+// returned, and the store notes that on disk on the main queue. Waits for
+// both, so a purchase is not handed to the next process as unfinished.
+void awaitFinished(const Outcome& outcome) {
+  const auto& transaction = outcome.result.value("transaction", nlohmann::json::object());
+  std::string id = transaction.is_object() ? transaction.value("id", "") : "";
+  if (id.empty() || transaction.value("state", "") == "deferred") return;
+  auto queue = SKPaymentQueue::defaultQueue();
+  auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (std::chrono::steady_clock::now() < until) {
+    auto waiting = queue->transactions();
+    if (std::none_of(waiting.begin(), waiting.end(), [&](const SKPaymentTransactionPtr& t) {
+          return t->transactionIdentifier == id;
+        })) {
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  MainQueue::shared().sync([] {});
 }
 
 OVPurchase::TransactionCompletion transactionInto(const SharedReply& pending) {
@@ -221,7 +244,9 @@ Outcome purchase(const Context& context, const std::vector<std::string>& words) 
   } else {
     sdk.purchaseSKProduct(product, transactionInto(pending));
   }
-  return await(pending, context, "the purchase");
+  auto outcome = await(pending, context, "the purchase");
+  awaitFinished(outcome);
+  return outcome;
 }
 
 Outcome purchaseFetchReceipt(const Context& context, const std::vector<std::string>& words) {
@@ -242,7 +267,9 @@ Outcome purchaseFetchReceipt(const Context& context, const std::vector<std::stri
                        {"finished", true}},
                       std::move(error)});
       });
-  return await(pending, context, "the purchase");
+  auto outcome = await(pending, context, "the purchase");
+  awaitFinished(outcome);
+  return outcome;
 }
 
 Outcome restore(const Context& context, const std::vector<std::string>& words) {
@@ -329,6 +356,7 @@ Outcome promote(const Context& context, const std::vector<std::string>& words) {
   store->promote(id);
   auto outcome = await(purchased, context, "the promoted purchase");
   if (outcome.error) return outcome;
+  awaitFinished(outcome);
   auto told = observer->told_.wait(std::chrono::milliseconds(0));
   outcome.result["status"] = static_cast<int>(*status);
   outcome.result["observerTold"] = told.has_value();
