@@ -13,9 +13,16 @@ build: deps
 	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build -j$(JOBS)
 
+# The sanitizer build uses clang when present, which also builds the
+# libFuzzer targets for the parsers.
+CLANG := $(shell command -v clang++ 2>/dev/null)
+ifneq ($(CLANG),)
+ASAN_COMPILERS := -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELQUIN_BUILD_FUZZ=ON
+endif
+
 build-asan: deps
 	@cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=address,undefined \
-	  -DVELQUIN_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	  -DVELQUIN_BUILD_BENCH=OFF $(ASAN_COMPILERS) $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build/asan -j$(JOBS)
 
 build-tsan: deps
@@ -26,7 +33,7 @@ build-tsan: deps
 demo: build
 	@scripts/demo
 
-test: build build-asan
+test: build build-asan build-tsan
 	@scripts/run-tests
 
 clean:

@@ -168,7 +168,7 @@ std::unique_ptr<ReceiptVerifier> ReceiptVerifier::create(const std::vector<std::
     ERR_clear_error();
     if (!key || !EVP_PKEY_is_a(key.get(), "ED25519")) {
       if (error) {
-        *error = "receipt public key " + std::to_string(i + 1) +
+        *error = "key " + std::to_string(i + 1) + " of " + std::to_string(pems.size()) +
                  " is not an Ed25519 public key in PEM (SubjectPublicKeyInfo)";
       }
       return nullptr;

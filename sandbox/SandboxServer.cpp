@@ -241,10 +241,10 @@ class SandboxServer::Impl::IapService final : public iap::IAPService::Service {
   grpc::Status GetAppConfig(grpc::ServerContext* context, const iap::GetAppConfigRequest* request,
                             iap::GetAppConfigResponse* response) override {
     return impl_.serve(context, "GetAppConfig", *request, [&](auto&, const CallRow&) {
-      const auto& config = impl_.config;
-      response->set_welcome_page(config.value("welcome_page", std::string()));
-      response->set_paywall_page(config.value("paywall_page", std::string()));
-      if (auto ids = config.find("product_ids"); ids != config.end()) {
+      const auto& appConfig = impl_.config;
+      response->set_welcome_page(appConfig.value("welcome_page", std::string()));
+      response->set_paywall_page(appConfig.value("paywall_page", std::string()));
+      if (auto ids = appConfig.find("product_ids"); ids != appConfig.end()) {
         for (const auto& id : *ids) response->add_product_ids(id.get<std::string>());
       }
       return grpc::Status::OK;
@@ -427,9 +427,13 @@ bool SandboxServer::start(std::string* error) {
 
     std::vector<std::string> receiptKeys =
         impl_->config.value("receipt_public_keys", std::vector<std::string>());
+    if (!ReceiptVerifier::create(receiptKeys, &problem)) {
+      return fail("bad configuration: \"receipt_public_keys\": " + problem);
+    }
     for (const auto& file : impl_->options.receiptPublicKeyFiles) {
       auto pem = readText(file);
       if (!pem) return fail("cannot read receipt public key " + file.string());
+      if (!ReceiptVerifier::create({*pem}, &problem)) return fail(file.string() + ": " + problem);
       receiptKeys.push_back(std::move(*pem));
     }
     impl_->receiptVerifier = ReceiptVerifier::create(receiptKeys, &problem);

@@ -160,7 +160,9 @@ iap::Subscriber buildSubscriber(const std::vector<Purchase>& purchases,
   }
 
   std::vector<iap::Entitlement> entitlements;
-  for (const auto& [id, products] : rules.entitlements) {
+  for (const auto& rule : rules.entitlements) {
+    const auto& id = rule.first;
+    const auto& products = rule.second;  // a named reference: lambdas below capture it
     const Holding* best = nullptr;   // decides product and activity
     const Holding* owned = nullptr;  // any holding that ever had one of the products
     std::int64_t latestExpiry = 0;

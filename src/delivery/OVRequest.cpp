@@ -74,7 +74,8 @@ OVRequest& OVRequest::operator=(const OVRequest& other) {
 }
 
 void OVRequest::reduceRetryCount() {
-  if (retryCount_ > 0) --retryCount_;
+  // A negative count (read back from a damaged row) also ends at 0.
+  retryCount_ = retryCount_ > 0 ? retryCount_ - 1 : 0;
 }
 
 void OVRequest::setRequestId(const std::string& text) {

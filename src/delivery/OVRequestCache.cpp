@@ -1,5 +1,7 @@
 #include "delivery/OVRequestCache.h"
 
+#include <ctime>
+
 #include <chrono>
 #include <cstdio>
 
@@ -35,7 +37,22 @@ std::string wholeNumberText(double value) {
 }  // namespace
 
 OVRequestCache& OVRequestCache::shared() {
-  static OVRequestCache* cache = new OVRequestCache(ZKFMDB::shareDatabase());  // lives for the process
+  static OVRequestCache* cache = [] {  // lives for the process
+    auto* created = new OVRequestCache(ZKFMDB::shareDatabase());
+    // Ids are "seconds since 1970 + request counter". Rows left by an
+    // earlier run may carry ids past the current second; start the counter
+    // beyond them so a new event never shares an id with a cached one (a
+    // delivered event deletes its row by id).
+    if (auto largest = created->largestRequestId()) {
+      auto now = static_cast<std::int64_t>(std::time(nullptr));
+      auto& counter = OVDeviceInfoManager::shared().num;
+      std::int64_t floor = *largest - now;
+      std::int64_t current = counter.load();
+      while (floor > current && !counter.compare_exchange_weak(current, floor)) {
+      }
+    }
+    return created;
+  }();
   return *cache;
 }
 
@@ -49,7 +66,30 @@ OVRequestCache::OVRequestCache(ZKFMDB* store) : store_(store) {
     if (!store_->zk_isExistTable(kTableName)) {
       store_->zk_createTable(kTableName, OVRequest::zk_model());
     }
+    // Every delivered event deletes its row by id; without an index each
+    // delete would scan the whole backlog.
+    store_->zk_executeUpdate("CREATE INDEX IF NOT EXISTS user_requestId ON user (requestId)");
   });
+}
+
+std::optional<std::int64_t> OVRequestCache::largestRequestId() {
+  if (!store_) return std::nullopt;
+  std::optional<std::int64_t> largest;
+  store_->zk_inDatabase([&] {
+    ZKColumns shape;
+    shape["requestId"] = "TEXT";
+    auto rows = store_->zk_lookupTable(kTableName, shape,
+                                       "ORDER BY CAST(requestId AS INTEGER) DESC LIMIT 1");
+    if (rows.empty()) return;
+    const auto& row = std::get<ZKRow>(rows.front());
+    auto id = row.find("requestId");
+    if (id == row.end()) return;
+    try {
+      if (auto text = zkToText(id->second)) largest = std::stoll(*text);
+    } catch (const std::exception&) {
+    }
+  });
+  return largest;
 }
 
 void OVRequestCache::addRequest(const OVRequest& request) {

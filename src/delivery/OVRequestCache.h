@@ -57,6 +57,8 @@ class OVRequestCache {
   // device information's user id when it has one; requestId = "%.f" of
   // (seconds since 1970 + the next request number).
   void writeFatalCrash(const std::optional<std::string>& description);
+  // The numerically largest cached request id, if any row has one.
+  std::optional<std::int64_t> largestRequestId();
 
  private:
   ZKFMDB* const store_;  // not owned; immutable; null when the store is absent

@@ -13,6 +13,13 @@ namespace {
 
 bool deliveryLog() { return OVDeviceInfoManager::shared().log.load(); }
 
+bool transportFailure(const std::optional<Error>& error) {
+  if (!error) return true;
+  return error->code == grpc::StatusCode::UNAVAILABLE ||
+         error->code == grpc::StatusCode::DEADLINE_EXCEEDED ||
+         error->code == grpc::StatusCode::CANCELLED;
+}
+
 
 }  // namespace
 
@@ -49,7 +56,7 @@ OVRequestManager::OVRequestManager(Options options)
       stub_(std::make_unique<EventdStub>(options_.host, options_.rootCertificates)) {}
 
 OVRequestManager::~OVRequestManager() {
-  stopping_ = true;
+  stopping_ = true;  // rows not sent yet stay cached for the next start
   stopTimer();
 }
 
@@ -64,72 +71,74 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
                                       FailureBlock failure) {
   if (!request) return;
   if (options_.hasCredentials && !options_.hasCredentials()) return;
-  addDelQueue_.async([weak = weak_from_this(), request = std::move(request),
-                      success = std::move(success), failure = std::move(failure)] {
+  addDelQueue_.async([weak = weak_from_this(),
+                      pending = Pending{std::move(request), std::move(success),
+                                        std::move(failure)}]() mutable {
     auto self = weak.lock();
     if (!self) return;
     {
       std::lock_guard lock(self->queueMutex_);
       for (const auto& waiting : self->requestQueue_) {
-        if (waiting == request || *waiting == *request) return;  // already queued
+        if (waiting.request == pending.request || *waiting.request == *pending.request) return;
       }
-      self->requestQueue_.push_back(request);
+      self->requestQueue_.push_back(std::move(pending));
     }
-    self->sendPending(success, failure);
+    self->sendPending();
   });
 }
 
-bool OVRequestManager::acquireSlot() {
-  // Waits without a limit, as long as the manager lives: a slot comes back
-  // with every reply, and every call ends by its deadline.
-  while (!semaphore_.try_acquire_for(std::chrono::milliseconds(200))) {
-    if (stopping_) return false;
-  }
-  return true;
-}
-
-void OVRequestManager::sendPending(const SuccessBlock& success, const FailureBlock& failure) {
-  for (;;) {
-    std::shared_ptr<OVRequest> request;
+void OVRequestManager::sendPending() {
+  while (!stopping_) {
+    Pending pending;
     {
       std::lock_guard lock(queueMutex_);
       if (requestQueue_.empty()) return;
-      request = requestQueue_.front();
+      // Take a slot first: without one the envelope stays queued until a
+      // reply frees a slot and runs this loop again.
+      if (!semaphore_.try_acquire()) return;
+      pending = std::move(requestQueue_.front());
       requestQueue_.pop_front();
     }
-    if (!acquireSlot()) return;  // stopping: the row stays cached for the next start
-
-    if (request->paramStr() && !request->params()) {
-      std::string why;
-      if (!request->restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
-    }
-    const DeviceFacts facts = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
-    const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
-    auto eventRequest =
-        buildEventRequest(request->params().value_or(nlohmann::json::object()), facts, identity);
-
-    ++inFlight_;
-    auto call = stub_->prepareFireEvent(
-        eventRequest,
-        [weak = weak_from_this(), request, eventRequest, success, failure](
-            std::optional<protocol::EventResponse> reply, std::optional<Error> error) {
-          auto self = weak.lock();
-          if (!self) return;
-          self->handleReply(request, eventRequest, std::move(reply), std::move(error), success,
-                            failure);
-        },
-        options_.callTimeout);
-    EventdStub::FireEventCall::start(std::move(call));
+    send(std::move(pending));
   }
 }
 
-void OVRequestManager::handleReply(const std::shared_ptr<OVRequest>& request,
+void OVRequestManager::send(Pending pending) {
+  auto& request = *pending.request;
+  if (request.paramStr() && !request.params()) {
+    std::string why;
+    if (!request.restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
+  }
+  const DeviceFacts facts = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
+  const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
+  auto eventRequest =
+      buildEventRequest(request.params().value_or(nlohmann::json::object()), facts, identity);
+
+  ++inFlight_;
+  auto call = stub_->prepareFireEvent(
+      eventRequest,
+      [weak = weak_from_this(), pending, eventRequest](
+          std::optional<protocol::EventResponse> reply, std::optional<Error> error) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->handleReply(pending, eventRequest, std::move(reply), std::move(error));
+      },
+      options_.callTimeout);
+  EventdStub::FireEventCall::start(std::move(call));
+}
+
+void OVRequestManager::handleReply(const Pending& pending,
                                    const protocol::EventRequest& eventRequest,
                                    std::optional<protocol::EventResponse> reply,
-                                   std::optional<Error> error, const SuccessBlock& success,
-                                   const FailureBlock& failure) {
+                                   std::optional<Error> error) {
   --inFlight_;
   semaphore_.release();
+  // Waiting envelopes get the freed slot.
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->sendPending();
+  });
+
+  const auto& request = pending.request;
   const std::string id = request->requestIdText();
   if (reply) {
     // Any reply counts as accepted, whatever its status.
@@ -139,10 +148,15 @@ void OVRequestManager::handleReply(const std::shared_ptr<OVRequest>& request,
                          eventRequest.ShortDebugString() + " \n return data = " +
                          (reply->status() ? "1" : "0") + " \n cache ID = " + id);
     }
-    if (success) success(*reply);
+    if (pending.success) pending.success(*reply);
     return;
   }
-  const bool reachable = !options_.isReachable || options_.isReachable();
+  // A call that never got an answer from the backend (it could not be
+  // reached, or did not answer before the deadline) counts as unreachable:
+  // the row stays cached for the next upload rather than spending its
+  // retries. A backend that answered with an error spends them.
+  const bool reachable = !transportFailure(error) &&
+                         (!options_.isReachable || options_.isReachable());
   if (reachable) {
     if (request->retryCount() < 1) {
       if (options_.cache) options_.cache->deleteRequest(id);  // given up
@@ -157,7 +171,7 @@ void OVRequestManager::handleReply(const std::shared_ptr<OVRequest>& request,
                        " \nRequest parameter = " + eventRequest.ShortDebugString() +
                        " \nCache ID = " + id);
   }
-  if (failure) failure(error.value_or(Error{kGrpcErrorDomain, 2, "no reply"}));
+  if (pending.failure) pending.failure(error.value_or(Error{kGrpcErrorDomain, 2, "no reply"}));
 }
 
 void OVRequestManager::startTimer() {

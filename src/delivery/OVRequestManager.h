@@ -6,10 +6,13 @@
 //
 // Ownership and threads: shared() lives for the process; create() makes
 // private instances for tests and tools. Enqueue work and the send loop run
-// on the serial queue addDelQueue_ ("com.addDel.www"); replies arrive on
-// gRPC's callback threads, which never wait: a retry goes back through the
-// queue. The 60-second timer runs on the main queue. Replies hold the
-// manager weakly. Every block is called at most once per send.
+// on the serial queue addDelQueue_ ("com.addDel.www"). The loop never
+// blocks: when all three call slots are taken, envelopes wait in the queue,
+// and each reply (on a gRPC callback thread) frees its slot and schedules
+// the loop again. No thread ever waits for a slot, so the fourth request
+// can neither deadlock a callback thread nor be lost. The 60-second timer
+// runs on the main queue. Replies hold the manager weakly. An envelope's
+// blocks are the ones given when it was enqueued; re-sends carry none.
 #pragma once
 
 #include <atomic>
@@ -78,23 +81,29 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // Waits until the queue has taken in everything enqueued so far.
   void drainQueue();
 
+  static constexpr int kMaxInFlight = 3;
+
  private:
+  struct Pending {
+    std::shared_ptr<OVRequest> request;
+    SuccessBlock success;
+    FailureBlock failure;
+  };
+
   explicit OVRequestManager(Options options);
-  // The send loop; runs on addDelQueue_.
-  void sendPending(const SuccessBlock& success, const FailureBlock& failure);
-  void handleReply(const std::shared_ptr<OVRequest>& request,
-                   const protocol::EventRequest& eventRequest,
-                   std::optional<protocol::EventResponse> reply, std::optional<Error> error,
-                   const SuccessBlock& success, const FailureBlock& failure);
-  // Waits for one of the three call slots; false when the manager stops.
-  bool acquireSlot();
+  // The send loop: sends waiting envelopes while a call slot is free. Runs
+  // on addDelQueue_.
+  void sendPending();
+  void send(Pending pending);
+  void handleReply(const Pending& pending, const protocol::EventRequest& eventRequest,
+                   std::optional<protocol::EventResponse> reply, std::optional<Error> error);
 
   const Options options_;
   std::unique_ptr<EventdStub> stub_;  // built once; safe to share between threads
 
   mutable std::mutex queueMutex_;
-  std::deque<std::shared_ptr<OVRequest>> requestQueue_;  // guarded by queueMutex_
-  std::counting_semaphore<3> semaphore_{3};  // one permit per call in flight
+  std::deque<Pending> requestQueue_;  // guarded by queueMutex_
+  std::counting_semaphore<kMaxInFlight> semaphore_{kMaxInFlight};  // a permit per call in flight
   std::atomic<int> inFlight_{0};
   std::atomic<bool> stopping_{false};
 

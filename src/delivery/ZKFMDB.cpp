@@ -490,6 +490,8 @@ bool ZKFMDB::zk_deleteTable(const std::string& table) {
   return execute("drop table", "DROP TABLE " + table);
 }
 
+bool ZKFMDB::zk_executeUpdate(const std::string& sql) { return execute("statement", sql); }
+
 bool ZKFMDB::zk_deleteAllDataFromTable(const std::string& table) {
   return execute("delete all rows", "DELETE FROM " + table);
 }

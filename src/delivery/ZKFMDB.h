@@ -165,6 +165,9 @@ class ZKFMDB {
   std::vector<ZKRecord> zk_lookupTableWrapper(const std::string& table, const ZKShape& shape,
                                               const std::optional<std::string>& where);
 
+  // Runs one statement with no arguments (indexes, pragmas).
+  bool zk_executeUpdate(const std::string& sql);
+
   // --- queue --------------------------------------------------------------
   // Runs `block` on the serial database queue and waits for it.
   void zk_inDatabase(const std::function<void()>& block);

@@ -36,6 +36,9 @@ TEST(OVRequest, ParamStrFollowsParamsAndReliability) {
   exhausted.setRetryCount(0);
   exhausted.reduceRetryCount();
   EXPECT_EQ(exhausted.retryCount(), 0);
+  exhausted.setRetryCount(-5);
+  exhausted.reduceRetryCount();
+  EXPECT_EQ(exhausted.retryCount(), 0);
 
   // Text that is not UTF-8 does not lose the event.
   OVRequest odd;

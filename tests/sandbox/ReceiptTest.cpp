@@ -309,22 +309,5 @@ TEST_F(ReceiptTest, AnotherUserShowingTheSameReceiptTakesThePurchasesOver) {
   EXPECT_EQ(server->purchases()[0].appUserId, "new-install");
 }
 
-TEST(SandboxConfig, RefusesBadReceiptAndEntitlementSettings) {
-  velquin::testing::TempEnvironment env;
-  for (const char* text : {R"({"receipt_public_keys": "pem"})", R"({"entitlements": ["pro"]})",
-                           R"({"entitlements": {"pro": "com.velquin.demo.monthly"}})",
-                           R"({"refunded_transactions": [1]})"}) {
-    fs::path file = env.root() / "config.json";
-    std::ofstream(file) << text;
-    SandboxOptions options;
-    options.dataDir = env.root() / "data";
-    options.configFile = file;
-    SandboxServer server(options);
-    std::string error;
-    EXPECT_FALSE(server.start(&error)) << text;
-    EXPECT_NE(error.find("config"), std::string::npos) << error;
-  }
-}
-
 }  // namespace
 }  // namespace velquin::sandbox

@@ -273,8 +273,12 @@ TEST_F(SandboxTest, ConfigFileIsMergedOverTheDefaults) {
 }
 
 TEST_F(SandboxTest, RefusesToStartOnABadConfigFile) {
-  for (const char* text : {"{ not json", "[1, 2]", R"({"product_ids": "one"})",
-                           R"({"currency_rates": {"EUR": "0.9"}})", R"({"access_token": 7})"}) {
+  for (const char* text :
+       {"{ not json", "[1, 2]", R"({"product_ids": "one"})", R"({"currency_rates": {"EUR": "0.9"}})",
+        R"({"access_token": 7})", R"({"receipt_public_keys": "pem"})",
+        R"({"receipt_public_keys": ["-----BEGIN PUBLIC KEY-----"]})", R"({"entitlements": ["pro"]})",
+        R"({"entitlements": {"pro": "com.velquin.demo.monthly"}})",
+        R"({"refunded_transactions": [1]})"}) {
     SandboxOptions options;
     options.dataDir = dataDir;
     options.configFile = writeConfig(text);

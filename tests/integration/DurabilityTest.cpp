@@ -1,0 +1,161 @@
+// Events survive whatever happens to the process or the backend: a host
+// killed in the middle of sending, a backend that is down, one that fails a
+// share of calls, and a damaged cache file. Runs the command-line host as
+// the host process against the sandbox over TLS.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "SandboxFixture.h"
+
+namespace velquin::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+class Durability : public SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    writeWorkingTokenFile();
+  }
+
+  std::string program() const { return (binDir() / "velquin").string(); }
+
+  // Runs the host to completion and returns its last line as JSON.
+  nlohmann::json run(const std::vector<std::string>& args) {
+    std::string command = program() + " --bundle '" + env.bundleDir().string() + "'";
+    for (const auto& arg : args) command += " '" + arg + "'";
+    command += " 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    std::string last;
+    char buffer[8192];
+    while (pipe && fgets(buffer, sizeof buffer, pipe)) last = buffer;
+    if (pipe) pclose(pipe);
+    return nlohmann::json::parse(last, nullptr, false);
+  }
+
+  // The sequence numbers the backend received, with how often each came.
+  std::map<long, int> receivedSequence() {
+    std::map<long, int> seen;
+    for (const auto& event : server->events()) {
+      auto value = nlohmann::json::parse(event.value, nullptr, false);
+      if (value.is_object() && value.contains("seq")) ++seen[value["seq"].get<long>()];
+    }
+    return seen;
+  }
+};
+
+TEST_F(Durability, EveryAcknowledgedEventArrivesAfterAKill) {
+  const auto ackFile = env.root() / "acks.txt";
+  std::random_device entropy;
+  const int killAfterMs = std::uniform_int_distribution<int>(400, 1500)(entropy);
+  std::cout << "killing the host after " << killAfterMs << " ms\n";
+
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, STDOUT_FILENO);
+    dup2(devnull, STDERR_FILENO);
+    std::string bundle = env.bundleDir().string();
+    std::string acks = ackFile.string();
+    execl(program().c_str(), "velquin", "--bundle", bundle.c_str(), "track-many", "20000",
+          "--ack-file", acks.c_str(), "--wait", "120", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(killAfterMs));
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the host finished before it could be killed";
+
+  std::set<long> acknowledged;
+  {
+    std::ifstream in(ackFile);
+    long seq;
+    while (in >> seq) acknowledged.insert(seq);
+  }
+  ASSERT_FALSE(acknowledged.empty()) << "no event was acknowledged before the kill";
+
+  auto flushed = run({"flush", "--wait", "120"});
+  ASSERT_TRUE(flushed.is_object());
+  EXPECT_EQ(flushed["remaining"], 0);
+
+  auto received = receivedSequence();
+  std::vector<long> missing;
+  long duplicates = 0;
+  for (long seq : acknowledged) {
+    if (!received.count(seq)) missing.push_back(seq);
+  }
+  for (const auto& [seq, times] : received) duplicates += times - 1;
+  std::cout << acknowledged.size() << " acknowledged, " << received.size()
+            << " distinct received, " << duplicates << " duplicates\n";
+  RecordProperty("acknowledged", static_cast<int>(acknowledged.size()));
+  RecordProperty("duplicates", static_cast<int>(duplicates));
+  EXPECT_TRUE(missing.empty()) << missing.size() << " acknowledged events never arrived, first "
+                               << missing.front();
+}
+
+class DurabilityWithFailures : public Durability {
+  sandbox::FaultOptions initialFaults() override {
+    sandbox::FaultOptions faults;
+    faults.failureRate["FireEvent"] = 0.3;
+    return faults;
+  }
+};
+
+TEST_F(DurabilityWithFailures, AShareOfFailedCallsLosesNothing) {
+  auto result = run({"track-many", "400", "--wait", "60"});
+  ASSERT_TRUE(result.is_object());
+  EXPECT_EQ(result["remaining"], 0);
+  auto received = receivedSequence();
+  EXPECT_EQ(received.size(), 400u);
+  EXPECT_GT(server->calls("FireEvent").size(), 400u);  // some calls did fail
+}
+
+TEST_F(Durability, ABackendThatIsDownLosesNothing) {
+  const int port = server->port();
+  // Start-up needs the backend once (Init hands the app key to events).
+  ASSERT_EQ(run({"track", "ev_before"})["delivered"], true);
+  server->stop();
+
+  auto offline = run({"track-many", "50", "--wait", "2"});
+  ASSERT_TRUE(offline.is_object());
+  EXPECT_EQ(offline["remaining"], 50);
+
+  sandbox::SandboxOptions options;
+  options.dataDir = env.root() / "sandbox";
+  options.port = port;
+  server = std::make_unique<sandbox::SandboxServer>(options);
+  ASSERT_TRUE(server->start());
+  auto flushed = run({"flush", "--wait", "60"});
+  EXPECT_EQ(flushed["remaining"], 0);
+  EXPECT_EQ(receivedSequence().size(), 50u);
+}
+
+TEST_F(Durability, ADamagedCacheFileIsSetAsideAndEventsStillFlow) {
+  auto dataDir = env.root() / "data" / env.bundleId();
+  std::filesystem::create_directories(dataDir);
+  { std::ofstream(dataDir / "ZKFMDB.sqlite") << "this is not a database, only text"; }
+  auto result = run({"track", "ev_after_damage", "{\"k\":1}"});
+  ASSERT_TRUE(result.is_object());
+  EXPECT_EQ(result["delivered"], true);
+  bool setAside = false;
+  for (const auto& entry : std::filesystem::directory_iterator(dataDir)) {
+    setAside |= entry.path().filename().string().find("ZKFMDB.sqlite.corrupt") == 0;
+  }
+  EXPECT_TRUE(setAside);
+}
+
+}  // namespace
+}  // namespace velquin::testing
