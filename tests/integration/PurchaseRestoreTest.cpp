@@ -143,7 +143,7 @@ TEST_F(PurchaseCli, ABoughtSubscriptionIsRestoredByTheNextProcess) {
   EXPECT_EQ(run(config + "is-active")["isActive"], true);
 
   auto cancelled = run(config + "purchase " + kYearly + " --outcome cancel", 1);
-  EXPECT_EQ(cancelled["error"]["code"], 2);
+  EXPECT_EQ(cancelled["error"]["code"], 2) << cancelled.dump();
 }
 
 TEST_F(PurchaseCli, WithoutAStoreConfigurationTheDemoProductsAreSold) {

@@ -118,6 +118,7 @@ std::pair<std::map<std::string, SKProductPtr>, std::optional<Outcome>> fetchProd
 // returned, and the store notes that on disk on the main queue. Waits for
 // both, so a purchase is not handed to the next process as unfinished.
 void awaitFinished(const Outcome& outcome) {
+  if (outcome.error || !outcome.result.is_object()) return;
   const auto& transaction = outcome.result.value("transaction", nlohmann::json::object());
   std::string id = transaction.is_object() ? transaction.value("id", "") : "";
   if (id.empty() || transaction.value("state", "") == "deferred") return;
