@@ -232,6 +232,9 @@ class OVPurchase : public StoreKitWrapperDelegate,
   void reportPurchaseEvent(const SKPaymentTransaction& transaction);
   void showPaywall(const std::string& html, PaywallCompletion completion);
 
+  // The owned objects are made once, by the constructor and attachStore()
+  // (before shared() returns), and are read-only pointers from then on; each
+  // guards its own state.
   std::shared_ptr<OVStoreKitWrapper> storeKitWrapper_;
   std::shared_ptr<OVReceiptRequest> receiptRequest_;
   std::unique_ptr<GRPCserviceManager> networkManager_;

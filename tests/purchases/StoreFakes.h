@@ -1,17 +1,15 @@
-// Small stand-ins for the store, for cases the local store cannot express
-// (dateless transactions, answers in a chosen order, a store that never
-// answers) and a delegate that records what the wrapper tells it.
+// Stand-ins for the store where the local store cannot express a case
+// (dateless transactions, answers in a chosen order), and a manual clock for
+// MainQueue::shared()'s timers.
 #pragma once
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "velquin/MainQueue.h"
-#include "velquin/OVPurchase.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin::testing {
@@ -25,53 +23,38 @@ class FakeQueue final : public SKPaymentQueue {
   void restoreCompletedTransactions(std::optional<std::string>) override { ++restores; }
   bool canMakePayments() const override { return true; }
   std::vector<SKPaymentTransactionPtr> transactions() const override { return {}; }
-
   std::atomic<int> restores{0};
 };
 
-// Keeps every request's handler until the test answers it.
+// Keeps every request's handler until the test answers it (test thread only).
 class FakeStore final : public StoreBackend {
  public:
   std::shared_ptr<SKPaymentQueue> paymentQueue() override { return queue; }
   void lookUpProducts(const std::set<std::string>& ids, ProductsHandler done) override {
-    std::lock_guard lock(mutex);
     lookups.emplace_back(ids, std::move(done));
   }
-  void refreshReceipt(DoneHandler done) override {
-    std::lock_guard lock(mutex);
-    refreshes.push_back(std::move(done));
-  }
+  void refreshReceipt(DoneHandler done) override { refreshes.push_back(std::move(done)); }
   std::optional<std::filesystem::path> appStoreReceiptPath() const override { return receipt; }
 
   std::shared_ptr<FakeQueue> queue = std::make_shared<FakeQueue>();
   std::filesystem::path receipt;
-  std::mutex mutex;
-  std::vector<std::pair<std::set<std::string>, ProductsHandler>> lookups;  // guarded by mutex
-  std::vector<DoneHandler> refreshes;                                      // guarded by mutex
+  std::vector<std::pair<std::set<std::string>, ProductsHandler>> lookups;
+  std::vector<DoneHandler> refreshes;
 };
 
-inline SKProductPtr makeProduct(const std::string& id, const std::string& price = "4.99",
-                                std::vector<std::string> offers = {}) {
+inline SKProductPtr makeProduct(const std::string& id, const std::string& title = "") {
   auto product = std::make_shared<SKProduct>();
   product->productIdentifier = id;
-  product->localizedTitle = id;
-  product->price = *SKDecimalNumber::fromString(price);
-  product->priceLocale = {"en_US", "USD"};
-  for (const auto& offer : offers) {
-    SKProductDiscount discount;
-    discount.identifier = offer;
-    discount.price = *SKDecimalNumber::fromString("1.25");
-    product->discounts.push_back(discount);
-  }
+  product->localizedTitle = title.empty() ? id : title;
+  product->price = *SKDecimalNumber::fromString("4.99");
   return product;
 }
 
 // A transaction of `state` at `minute` past 10:00 (no date when minute < 0).
 inline SKPaymentTransactionPtr makeTransaction(const std::string& id,
                                                SKPaymentTransactionState state, int minute) {
-  auto transaction = std::make_shared<SKPaymentTransaction>(
-      SKPaymentTransaction{id, state, std::nullopt, SKPayment(*makeProduct("p")), std::nullopt,
-                           nullptr});
+  auto transaction = std::make_shared<SKPaymentTransaction>(SKPaymentTransaction{
+      id, state, std::nullopt, SKPayment(*makeProduct("p")), std::nullopt, nullptr});
   if (minute >= 0) {
     transaction->transactionDate = std::chrono::system_clock::time_point(
         std::chrono::hours(10) + std::chrono::minutes(minute));
@@ -79,13 +62,11 @@ inline SKPaymentTransactionPtr makeTransaction(const std::string& id,
   return transaction;
 }
 
-// Drives MainQueue::shared()'s timers by hand.
 class ManualClock {
  public:
   ManualClock() {
-    MainQueue::shared().setNowFunction([this] {
-      return base_ + std::chrono::milliseconds(offsetMs_.load());
-    });
+    MainQueue::shared().setNowFunction(
+        [this] { return base_ + std::chrono::milliseconds(offsetMs_.load()); });
   }
   ~ManualClock() { MainQueue::shared().setNowFunction(nullptr); }
   // Moves time on and returns once every timer due by then has run.
