@@ -8,30 +8,6 @@
 
 namespace velquin::testing {
 
-void QueueLog::updatedTransactions(SKPaymentQueue&,
-                                   const std::vector<SKPaymentTransactionPtr>& batch) {
-  for (const auto& transaction : batch) {
-    if (onUpdate) onUpdate(*transaction);
-    std::lock_guard lock(mutex_);
-    states_.push_back(transaction->transactionState);
-  }
-}
-
-void QueueLog::restoreCompletedTransactionsFinished(SKPaymentQueue&) {
-  std::lock_guard lock(mutex_);
-  ++restoresFinished_;
-}
-
-int QueueLog::count(SKPaymentTransactionState state) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<int>(std::count(states_.begin(), states_.end(), state));
-}
-
-int QueueLog::restoresFinished() const {
-  std::lock_guard lock(mutex_);
-  return restoresFinished_;
-}
-
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
   auto until = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
@@ -54,7 +30,7 @@ void SandboxPurchase::SetUp() {
   Error error;
   auto key = store->receiptPublicKeyPem(&error);
   ASSERT_TRUE(key) << error.message;
-  receiptKeyPath = env.root() / "receipt-public-key.pem";
+  auto receiptKeyPath = env.root() / "receipt-public-key.pem";
   std::ofstream(receiptKeyPath) << *key;
   server->stop();
   sandbox::SandboxOptions options;
@@ -70,15 +46,11 @@ void SandboxPurchase::SetUp() {
 }
 
 void SandboxPurchase::TearDown() {
-  if (server) {
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    std::size_t seen = server->calls().size();
-    while (std::chrono::steady_clock::now() < until) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(250));
-      std::size_t now = server->calls().size();
-      if (now == seen) break;
-      seen = now;
-    }
+  for (std::size_t seen = 0, rounds = 0; server && rounds < 12; ++rounds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    std::size_t now = server->calls().size();
+    if (now == seen) break;
+    seen = now;
   }
   SandboxTest::TearDown();
 }

@@ -1,22 +1,18 @@
-// A sandbox that trusts the local store's receipts, a local store configured
-// from a file the test writes, and helpers to buy and wait. The store is
-// the application's default one (its folder under XDG_DATA_HOME), so a
-// command-line host started by the test sells from the same store.
+// A sandbox that trusts the local store's receipts, the application's
+// default local store configured from a file the test writes (so a
+// command-line host started by the test sells from the same store), and
+// helpers to buy and wait.
 #pragma once
 
-#include <filesystem>
+#include <algorithm>
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "SandboxFixture.h"
 #include "support/Await.h"
 #include "velquin/OVPurchase.h"
-#include "velquin/StoreKit.h"
 
 namespace velquin::testing {
 
@@ -31,55 +27,54 @@ struct Bought {
   std::optional<Error> error;
   bool userCancelled = false;
 };
-
 struct Restored {
   OVSubscriber subscriber;
   std::optional<Error> error;
 };
 
-// Records every transaction update and restore end the queue reports.
+// Counts the queue's reports; observers are told in the order they came.
 class QueueLog final : public SKPaymentTransactionObserver {
  public:
-  void updatedTransactions(SKPaymentQueue&,
-                           const std::vector<SKPaymentTransactionPtr>& batch) override;
-  void restoreCompletedTransactionsFinished(SKPaymentQueue&) override;
+  void updatedTransactions(SKPaymentQueue&, const std::vector<SKPaymentTransactionPtr>& batch) override {
+    for (const auto& transaction : batch) {
+      if (onUpdate) onUpdate(*transaction);
+      std::lock_guard lock(mutex_);
+      states_.push_back(transaction->transactionState);
+    }
+  }
+  void restoreCompletedTransactionsFinished(SKPaymentQueue&) override { ++restoresFinished; }
+  int count(SKPaymentTransactionState state) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<int>(std::count(states_.begin(), states_.end(), state));
+  }
   std::function<void(const SKPaymentTransaction&)> onUpdate;  // set before registering
-
-  int count(SKPaymentTransactionState state) const;
-  int restoresFinished() const;
+  std::atomic<int> restoresFinished{0};
 
  private:
   mutable std::mutex mutex_;
   std::vector<SKPaymentTransactionState> states_;  // guarded by mutex_
-  int restoresFinished_ = 0;                       // guarded by mutex_
 };
 
 class SandboxPurchase : public SandboxTest {
  protected:
   void SetUp() override;
-  // Lets calls the SDK still has in flight (the user info that follows a
-  // verification) land before the sandbox stops: a channel that loses its
-  // server at process exit reconnects into a torn-down TLS library.
+  // Lets calls the SDK still has in flight land before the sandbox stops: a
+  // channel that loses its server at exit reconnects into torn-down TLS.
   void TearDown() override;
 
-  // The demo products, the sandbox's bundle id and its offer key.
+  // The demo products with the sandbox's bundle id and offer key.
   nlohmann::json storeConfig() const;
   void writeStoreConfig(const std::string& text);
-  // Registers `log` with the queue before the SDK's own observer exists
-  // when called first, so it hears of each update before the SDK does.
   std::shared_ptr<QueueLog> watchQueue(std::function<void(const SKPaymentTransaction&)> onUpdate = {});
-
   SKProductPtr product(const std::string& id);
   OVPurchase::TransactionCompletion into(Await<Bought>& bought);
   OVPurchase::SubscriberCompletion into(Await<Restored>& restored);
   Bought buy(const std::string& id);
 
   std::filesystem::path storeConfigPath;
-  std::filesystem::path receiptKeyPath;
   std::shared_ptr<LocalStore> store;
 };
 
-// Polls `condition` until it holds or `limit` passes.
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds limit = std::chrono::seconds(20));
 

@@ -62,7 +62,7 @@ TEST_F(SandboxPurchase, ARestoreTheStoreDoesNotAnswerTimesOutOnce) {
 
   // The store's late answer reaches nobody.
   clock.advanceTo(31s);
-  ASSERT_TRUE(eventually([&] { return log->restoresFinished() == 1; }));
+  ASSERT_TRUE(eventually([&] { return log->restoresFinished == 1; }));
   std::this_thread::sleep_for(200ms);
   EXPECT_EQ(restored.reports(), 1);
 }
