@@ -1,12 +1,15 @@
 #include "BenchSandbox.h"
 
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -25,6 +28,39 @@ BenchSandbox::~BenchSandbox() {
   }
   std::error_code ec;
   if (!work_.empty()) std::filesystem::remove_all(work_, ec);
+}
+
+double BenchSandbox::cpuSeconds() const {
+  if (pid_ <= 0) return 0;
+  std::ifstream stat("/proc/" + std::to_string(pid_) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return 0;
+  auto close = line.rfind(')');
+  if (close == std::string::npos) return 0;
+  std::istringstream rest(line.substr(close + 2));
+  std::string field;
+  double ticks = 0;
+  for (int index = 3; rest >> field && index <= 15; ++index) {
+    if (index == 14 || index == 15) ticks += std::stod(field);  // utime, stime
+  }
+  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+long long BenchSandbox::storedEvents() const {
+  sqlite3* db = nullptr;
+  long long count = -1;
+  if (sqlite3_open_v2((dataDir() / "sandbox.sqlite").c_str(), &db, SQLITE_OPEN_READONLY,
+                      nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 1000);
+    sqlite3_stmt* query = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT count(*) FROM events", -1, &query, nullptr) == SQLITE_OK &&
+        sqlite3_step(query) == SQLITE_ROW) {
+      count = sqlite3_column_int64(query, 0);
+    }
+    sqlite3_finalize(query);
+  }
+  sqlite3_close(db);
+  return count;
 }
 
 bool BenchSandbox::start(const char* extraArguments) {

@@ -17,6 +17,11 @@ class BenchSandbox {
   const std::filesystem::path& work() const { return work_; }
   std::filesystem::path bundle() const { return work_ / "bundle"; }
   std::filesystem::path dataDir() const { return work_ / "sandbox"; }
+  pid_t pid() const { return pid_; }
+  // CPU seconds the sandbox process has used so far (0 when not running).
+  double cpuSeconds() const;
+  // FireEvent calls the sandbox has stored so far (-1 when unreadable).
+  long long storedEvents() const;
 
  private:
   std::filesystem::path work_;

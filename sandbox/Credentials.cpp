@@ -7,12 +7,13 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 #include <unistd.h>
-#include <uuid/uuid.h>
 
 #include <cctype>
 #include <fstream>
 #include <sstream>
 #include <vector>
+
+#include "support/Uuid.h"
 
 namespace velquin::sandbox {
 namespace {
@@ -357,12 +358,6 @@ std::string offerSignaturePayload(const std::string& bundleId, const std::string
          user + separator + nonce + separator + std::to_string(timestampMs);
 }
 
-std::string lowerCaseUuid() {
-  uuid_t id;
-  uuid_generate_random(id);
-  char text[37];
-  uuid_unparse_lower(id, text);
-  return text;
-}
+std::string lowerCaseUuid() { return support::randomUuid(support::UuidCase::lower); }
 
 }  // namespace velquin::sandbox

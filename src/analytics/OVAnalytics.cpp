@@ -81,6 +81,9 @@ std::string OVAnalytics::uploadBigDataWithType(EventType type, const nlohmann::j
 std::string OVAnalytics::uploadBigDataWithEvent(const std::optional<std::string>& name,
                                                 const nlohmann::json& params,
                                                 SuccessBlock success, FailureBlock failure) {
+  // The cache first: opening it moves the request counter past the ids of
+  // rows an earlier run left behind.
+  auto& cache = OVRequestCache::shared();
   auto& deviceInfo = OVDeviceInfoManager::shared();
   nlohmann::json envelope = nlohmann::json::object();
   if (name) envelope["eventName"] = *name;
@@ -96,7 +99,7 @@ std::string OVAnalytics::uploadBigDataWithEvent(const std::optional<std::string>
   request->setReliability(1);
   std::string id = request->requestIdText();
   // Stored before it is sent: from here on the event survives anything.
-  OVRequestCache::shared().addRequest(*request);
+  cache.addRequest(*request);
   OVRequestManager::shared().enqueueRequest(std::move(request), std::move(success),
                                             std::move(failure));
   return id;

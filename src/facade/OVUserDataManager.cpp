@@ -1,20 +1,13 @@
 #include "facade/OVUserDataManager.h"
 
-#include <uuid/uuid.h>
-
 #include "analytics/OVDeviceInfoManager.h"
 #include "facade/OVUtils.h"
 #include "platform/UserDefaults.h"
+#include "support/Uuid.h"
 
 namespace velquin {
 namespace {
-std::string newUuid() {
-  uuid_t uuid;
-  uuid_generate_random(uuid);
-  char text[37];
-  uuid_unparse_upper(uuid, text);
-  return text;
-}
+std::string newUuid() { return support::randomUuid(); }
 }  // namespace
 
 OVUserDataManager::OVUserDataManager(platform::UserDefaults& defaults,

@@ -3,7 +3,6 @@
 // Every change of state happens in a task on MainQueue::shared(); the public
 // members only take the lock to record a request and post the task. Observer
 // and delegate calls are made from those tasks, never under the lock.
-#include <uuid/uuid.h>
 
 #include <algorithm>
 #include <cctype>
@@ -15,6 +14,7 @@
 #include "store/StoreCrypto.h"
 #include "store/TransactionHistory.h"
 #include "support/Console.h"
+#include "support/Uuid.h"
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
 #include "velquin/StoreKit.h"
@@ -40,13 +40,7 @@ std::filesystem::path& defaultPathOverride() {
   return *path;
 }
 
-std::string newTransactionId() {
-  uuid_t uuid;
-  uuid_generate_random(uuid);
-  char text[37];
-  uuid_unparse_upper(uuid, text);
-  return text;
-}
+std::string newTransactionId() { return support::randomUuid(); }
 
 std::int64_t toMs(Clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();

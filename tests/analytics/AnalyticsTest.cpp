@@ -93,6 +93,7 @@ TEST_F(Analytics, RequestIdsNeverRepeatOnesLeftByAnEarlierRun) {
   // A row from a run that sent many events: its id lies past the current second.
   const auto ahead = static_cast<long long>(std::time(nullptr)) + 5000;
   {
+    std::filesystem::create_directories(Bundle::main().dataDirectory());
     auto store = ZKFMDB::initWithDBName(std::nullopt, Bundle::main().dataDirectory());
     ASSERT_TRUE(store);
     OVRequestCache earlier(store.get());

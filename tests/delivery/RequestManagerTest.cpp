@@ -148,7 +148,12 @@ TEST_F(Delivery, ASlowBackendPastTheDeadlineKeepsTheRow) {
   Await<int> failed;
   impatient->enqueueRequest(stored("ev_slow"), nullptr,
                             [&](const Error& error) { failed.set(static_cast<int>(error.code)); });
-  ASSERT_EQ(failed.wait(), grpc::DEADLINE_EXCEEDED);
+  // On a loaded machine the deadline may already pass during the TLS
+  // handshake, which gRPC reports as UNAVAILABLE; the row is kept either way.
+  auto code = failed.wait();
+  ASSERT_TRUE(code);
+  EXPECT_TRUE(*code == grpc::DEADLINE_EXCEEDED || *code == grpc::UNAVAILABLE) << *code;
+  std::this_thread::sleep_for(100ms);
   EXPECT_EQ(rows().size(), 1u);
   server.releaseAll();
 }
