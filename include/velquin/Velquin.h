@@ -8,24 +8,30 @@
 // shared() and never torn down. Every operation may be called from any
 // thread and returns at once; completions run on gRPC's callback threads
 // unless an operation says otherwise. Every completion is called exactly
-// once. No exception leaves the library.
+// once, except that a purchase, fetch-receipt or restore completion that is
+// still waiting is dropped (never called) when the next call of the same
+// kind replaces it. No exception leaves the library.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "velquin/Error.h"
 #include "velquin/Models.h"
+#include "velquin/OVPurchase.h"
+#include "velquin/StoreKit.h"
 
 namespace velquin {
 namespace attribution {
 class GetAttributionResponse;
 }
-class OVPurchase;
 class OVAnalytics;
 
 class Velquin {
@@ -76,10 +82,43 @@ class Velquin {
   void getCurrencyRate(const std::string& currencyCode,
                        std::function<void(std::optional<double>, std::optional<Error>)> completion);
 
+  // ---- Products, purchases and entitlements (see OVPurchase for the
+  // threads each completion runs on).
+
+  // The product ids configured on the server (cached after start-up).
+  void getPurchaseProductIds(OVPurchase::ProductIdsCompletion completion);
+  // The store products of the given ids; the completion is optional.
+  void getSkuDetails(const std::set<std::string>& productIds,
+                     OVPurchase::SkuDetailsCompletion completion = nullptr);
+  void purchaseSKProduct(const SKProduct& product, OVPurchase::TransactionCompletion completion);
+  void purchaseSKProductWithDiscount(const SKProduct& product,
+                                     const SKPaymentDiscount& paymentDiscount,
+                                     const std::optional<std::string>& applicationUsername,
+                                     OVPurchase::TransactionCompletion completion);
+  void purchaseFetchReceiptSKProduct(const SKProduct& product,
+                                     OVPurchase::FetchReceiptCompletion completion);
+  void addMonitorTransationCompletionHandler(OVPurchase::FetchReceiptCompletion completion);
+  void finishTransactions(const std::vector<SKPaymentTransactionPtr>& transactions);
+  // Whether the store lets this user pay.
+  bool canMakePayment() const;
+  void hasActiveSubscription(OVPurchase::SubscriberCompletion completion);
+  void restorePurchases(OVPurchase::SubscriberCompletion completion);
+  void loadPaywallToPurachase(OVPurchase::PaywallCompletion completion);
+  // How promoted purchases are handled, and who hears of them (held weakly).
+  void setInAppPurchasePromotingStatus(OVPromotingInAppPurchaseStatus status,
+                                       const std::shared_ptr<OVPromotingObserverProtocol>& observer);
+
+  // The delay, in seconds, before an in-app message is shown after the app
+  // comes back from the background. Only stored for now.
+  void setFromBackgroudPointToDelayTime(double delayTime);
+  double fromBackgroudPointToDelayTime() const;
+
  private:
   Velquin();
   OVPurchase& purchases_;
   std::unique_ptr<OVAnalytics> analytics_;
+  // Notification settings the host makes before notifications start.
+  std::atomic<double> delayTime_{0};  // atomic: any thread
 };
 
 }  // namespace velquin

@@ -106,4 +106,64 @@ void Velquin::getCurrencyRate(
       });
 }
 
+void Velquin::getPurchaseProductIds(OVPurchase::ProductIdsCompletion completion) {
+  purchases_.getPurchaseProductIds(std::move(completion));
+}
+
+void Velquin::getSkuDetails(const std::set<std::string>& productIds,
+                            OVPurchase::SkuDetailsCompletion completion) {
+  purchases_.getSkuDetails(productIds, std::move(completion));
+}
+
+void Velquin::purchaseSKProduct(const SKProduct& product,
+                                OVPurchase::TransactionCompletion completion) {
+  purchases_.purchaseSKProduct(product, std::move(completion));
+}
+
+void Velquin::purchaseSKProductWithDiscount(const SKProduct& product,
+                                            const SKPaymentDiscount& paymentDiscount,
+                                            const std::optional<std::string>& applicationUsername,
+                                            OVPurchase::TransactionCompletion completion) {
+  purchases_.purchaseSKProductWithDiscount(product, paymentDiscount, applicationUsername,
+                                           std::move(completion));
+}
+
+void Velquin::purchaseFetchReceiptSKProduct(const SKProduct& product,
+                                            OVPurchase::FetchReceiptCompletion completion) {
+  purchases_.purchaseFetchReceiptSKProduct(product, std::move(completion));
+}
+
+void Velquin::addMonitorTransationCompletionHandler(OVPurchase::FetchReceiptCompletion completion) {
+  purchases_.addMonitorTransationCompletionHandler(std::move(completion));
+}
+
+void Velquin::finishTransactions(const std::vector<SKPaymentTransactionPtr>& transactions) {
+  purchases_.finishTransactions(transactions);
+}
+
+bool Velquin::canMakePayment() const { return purchases_.canMakePayments(); }
+
+void Velquin::hasActiveSubscription(OVPurchase::SubscriberCompletion completion) {
+  purchases_.hasActiveSubscription(std::move(completion));
+}
+
+void Velquin::restorePurchases(OVPurchase::SubscriberCompletion completion) {
+  purchases_.restorePurchases(std::move(completion));
+}
+
+void Velquin::loadPaywallToPurachase(OVPurchase::PaywallCompletion completion) {
+  purchases_.loadPaywallToPurachase(std::move(completion));
+}
+
+void Velquin::setInAppPurchasePromotingStatus(
+    OVPromotingInAppPurchaseStatus status,
+    const std::shared_ptr<OVPromotingObserverProtocol>& observer) {
+  OVUtils::shared().promotingStatus = status;
+  purchases_.setPromotingObserver(observer);
+}
+
+void Velquin::setFromBackgroudPointToDelayTime(double delayTime) { delayTime_ = delayTime; }
+
+double Velquin::fromBackgroudPointToDelayTime() const { return delayTime_; }
+
 }  // namespace velquin

@@ -1,13 +1,14 @@
 // velquin: runs the SDK's operations from the command line and prints one
 // JSON object as the last line of standard output.
 //
-//   velquin --bundle DIR [--log] [--timeout SECONDS] COMMAND [ARGS...]
+//   velquin --bundle DIR [--store-config FILE] [--log] [--timeout SECONDS] COMMAND [ARGS...]
 #include <unistd.h>
 
 #include <cstdio>
 #include <iostream>
 
 #include "Cli.h"
+#include "PurchaseCommands.h"
 #include "facade/OVUtils.h"
 #include "velquin/Bundle.h"
 #include "velquin/Velquin.h"
@@ -28,9 +29,12 @@ std::vector<Command> allCommands() {
 
 void printUsage(std::FILE* out, const std::vector<Command>& commands) {
   std::fprintf(out,
-               "usage: velquin --bundle DIR [--log] [--timeout SECONDS] COMMAND [ARGS...]\n\n"
+               "usage: velquin --bundle DIR [--store-config FILE] [--log] [--timeout SECONDS]\n"
+               "               COMMAND [ARGS...]\n\n"
                "  --bundle DIR      folder with velquin-app-token.plist and Info.plist\n"
                "                    (default: the folder of this program)\n"
+               "  --store-config FILE  the local store's configuration (default: the\n"
+               "                    bundle's store-config.json, else the demo products)\n"
                "  --log             print the SDK's log lines before the result\n"
                "  --timeout SECONDS longest wait for one backend answer (default 70)\n\n"
                "commands:\n");
@@ -56,6 +60,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> words(argv + 1, argv + argc);
   velquin::cli::Context context;
   bool log = false;
+  std::optional<std::string> storeConfig;
   size_t i = 0;
   for (; i < words.size() && words[i].rfind("--", 0) == 0; ++i) {
     if (words[i] == "--help" || words[i] == "-h") {
@@ -63,6 +68,8 @@ int main(int argc, char** argv) {
       return 0;
     } else if (words[i] == "--log") {
       log = true;
+    } else if (words[i] == "--store-config" && i + 1 < words.size()) {
+      storeConfig = words[++i];
     } else if ((words[i] == "--bundle" || words[i] == "--timeout") && i + 1 < words.size()) {
       if (words[i] == "--bundle") {
         velquin::Bundle::setMainBundlePath(words[i + 1]);
@@ -84,6 +91,11 @@ int main(int argc, char** argv) {
   std::vector<std::string> rest(words.begin() + static_cast<long>(i) + 1, words.end());
   for (const auto& command : commands) {
     if (command.name != name) continue;
+    // The store is picked before the SDK exists: the SDK observes it from
+    // its first moment.
+    if (auto problem = velquin::cli::useStoreConfiguration(storeConfig)) {
+      finish(velquin::cli::errorJson(*problem), 1);
+    }
     // Switched on before the SDK exists so start-up's own lines show too.
     velquin::OVUtils::enableLogs(log);
     auto& sdk = velquin::Velquin::shared();
