@@ -29,7 +29,7 @@ class Delivery : public ::testing::Test {
     options.cache = cache.get();
     options.isReachable = [this] { return reachable.load(); };
     options.hasCredentials = [] { return true; };
-    options.callTimeout = 2s;
+    options.callTimeout = 10s;  // generous: sanitizer builds make the first handshake slow
     manager = OVRequestManager::create(options);
   }
 
