@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 namespace velquin {
 
@@ -44,6 +45,10 @@ std::shared_ptr<grpc::Channel> backendChannel(const std::string& address,
   arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);  // retries are the callers' business
   auto channel =
       grpc::CreateCustomChannel(address, grpc::SslCredentials(options), arguments);
+  // Start connecting now, off the caller's thread: the first connection
+  // builds the TLS context from every trusted root (tens of milliseconds),
+  // which the first call would otherwise wait for.
+  std::thread([channel] { channel->GetState(/*try_to_connect=*/true); }).detach();
   channels->emplace(key, channel);
   return channel;
 }
