@@ -112,15 +112,7 @@ bool rawInsertRound(const std::filesystem::path& folder, const std::string& name
   return ok;
 }
 
-std::int64_t cachedRows() {
-  velquin::ZKFMDB* store = velquin::ZKFMDB::shareDatabase();
-  std::int64_t count = 0;
-  if (store) {
-    store->zk_inDatabase(
-        [&] { count = store->zk_tableItemCount(velquin::OVRequestCache::kTableName); });
-  }
-  return count;
-}
+std::int64_t cachedRows() { return velquin::OVRequestCache::shared().rowCount(); }
 
 void printLatencies(const char* what, const std::vector<double>& micros) {
   Latencies l = summarise(micros);

@@ -197,15 +197,7 @@ Throughput bareThroughput(BareClient& client, const std::vector<protocol::EventR
 
 // --------------------------------------------------------------- library side
 
-std::int64_t cachedRows() {
-  velquin::ZKFMDB* store = velquin::ZKFMDB::shareDatabase();
-  std::int64_t count = 0;
-  if (store) {
-    store->zk_inDatabase(
-        [&] { count = store->zk_tableItemCount(velquin::OVRequestCache::kTableName); });
-  }
-  return count;
-}
+std::int64_t cachedRows() { return velquin::OVRequestCache::shared().rowCount(); }
 
 // Writes `count` events through the analytics interface while there is no
 // app key: each is cached and nothing is sent.

@@ -72,6 +72,22 @@ OVRequestCache::OVRequestCache(ZKFMDB* store) : store_(store) {
   });
 }
 
+std::int64_t OVRequestCache::rowCount(const std::optional<std::string>& requestId) {
+  if (!store_) return 0;
+  std::int64_t count = 0;
+  store_->zk_inDatabase([&] {
+    if (!requestId) {
+      count = store_->zk_tableItemCount(kTableName);
+      return;
+    }
+    ZKColumns shape;
+    shape["requestId"] = "TEXT";
+    count = static_cast<std::int64_t>(
+        store_->zk_lookupTable(kTableName, shape, "WHERE requestId = %@", {*requestId}).size());
+  });
+  return count;
+}
+
 std::optional<std::int64_t> OVRequestCache::largestRequestId() {
   if (!store_) return std::nullopt;
   std::optional<std::int64_t> largest;

@@ -59,6 +59,8 @@ class OVRequestCache {
   // device information's user id when it has one; requestId = "%.f" of
   // (seconds since 1970 + the next request number).
   void writeFatalCrash(const std::optional<std::string>& description);
+  // Rows in the cache; with an id, the rows carrying that id.
+  std::int64_t rowCount(const std::optional<std::string>& requestId = std::nullopt);
   // The numerically largest cached request id, if any row has one.
   std::optional<std::int64_t> largestRequestId();
 

@@ -9,7 +9,6 @@
 #include "analytics/OVDeviceInfoManagerHelper.h"
 #include "delivery/OVRequestCache.h"
 #include "delivery/OVRequestManager.h"
-#include "delivery/ZKFMDB.h"
 #include "velquin/OVAnalytics.h"
 #include "velquin/Velquin.h"
 
@@ -35,22 +34,7 @@ bool waitForCredentials(Clock::time_point until) {
 }
 
 std::int64_t cachedRows(const std::optional<std::string>& requestId = std::nullopt) {
-  ZKFMDB* store = ZKFMDB::shareDatabase();
-  if (!store) return 0;
-  std::int64_t count = 0;
-  store->zk_inDatabase([&] {
-    if (requestId) {
-      ZKColumns shape;
-      shape["requestId"] = "TEXT";
-      count = static_cast<std::int64_t>(
-          store->zk_lookupTable(OVRequestCache::kTableName, shape, "WHERE requestId = %@",
-                                {*requestId})
-              .size());
-    } else {
-      count = store->zk_tableItemCount(OVRequestCache::kTableName);
-    }
-  });
-  return count;
+  return OVRequestCache::shared().rowCount(requestId);
 }
 
 // Polls until `done` or the time runs out; true when done.
