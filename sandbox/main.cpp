@@ -129,12 +129,12 @@ Arguments parse(int argc, char** argv) {
     } else if (word == "--bundle-id") {
       args.bundleId = value();
     } else if (word == "--fail-rate") {
-      std::string spec = value();
-      auto eq = spec.find('=');
+      std::string setting = value();
+      auto eq = setting.find('=');
       if (eq == std::string::npos || eq == 0) {
-        throw UsageError{"--fail-rate expects METHOD=R, got \"" + spec + "\""};
+        throw UsageError{"--fail-rate expects METHOD=R, got \"" + setting + "\""};
       }
-      args.options.faults.failureRate[spec.substr(0, eq)] = parseRate(spec.substr(eq + 1));
+      args.options.faults.failureRate[setting.substr(0, eq)] = parseRate(setting.substr(eq + 1));
     } else if (word == "--fail-first") {
       args.options.faults.failFirst = parseNumber(word, value(), 0, 1'000'000'000);
     } else if (word == "--delay-ms") {
