@@ -58,10 +58,9 @@ OVRequestManager::OVRequestManager(Options options)
 OVRequestManager::~OVRequestManager() {
   stopping_ = true;  // rows not sent yet stay cached for the next start
   stopTimer();
-  // Acknowledged rows leave the cache before the manager goes (the queued
-  // batch job can no longer reach this object).
-  deleteQueue_.sync([] {});
-  deleteAcknowledged();
+  // The last reference may go on a gRPC thread after the cache's owner is
+  // gone, so nothing here touches the cache. Rows acknowledged but not yet
+  // deleted stay cached and are sent again at the next start (at least once).
 }
 
 size_t OVRequestManager::queued() const {

@@ -33,6 +33,18 @@ class Delivery : public ::testing::Test {
     manager = OVRequestManager::create(options);
   }
 
+  // Replies still on their way would reach a manager whose cache this
+  // fixture is about to destroy: let them land first.
+  void TearDown() override {
+    server.releaseAll();
+    auto until = std::chrono::steady_clock::now() + 10s;
+    while (manager && manager->inFlight() > 0 && std::chrono::steady_clock::now() < until) {
+      std::this_thread::sleep_for(10ms);
+    }
+    std::this_thread::sleep_for(50ms);  // the last batch of deletes
+    manager.reset();
+  }
+
   // An event as analytics stores it: cached first, then handed over.
   std::shared_ptr<OVRequest> stored(const std::string& name) {
     auto request = std::make_shared<OVRequest>();
