@@ -31,18 +31,7 @@ class Durability : public SandboxTest {
 
   std::string program() const { return (binDir() / "velquin").string(); }
 
-  // Runs the host to completion and returns its last line as JSON.
-  nlohmann::json run(const std::vector<std::string>& args) {
-    std::string command = program() + " --bundle '" + env.bundleDir().string() + "'";
-    for (const auto& arg : args) command += " '" + arg + "'";
-    command += " 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string last;
-    char buffer[8192];
-    while (pipe && fgets(buffer, sizeof buffer, pipe)) last = buffer;
-    if (pipe) pclose(pipe);
-    return nlohmann::json::parse(last, nullptr, false);
-  }
+  nlohmann::json run(const std::vector<std::string>& args) { return runHost(args); }
 
   // The sequence numbers the backend received, with how often each came.
   std::map<long, int> receivedSequence() {

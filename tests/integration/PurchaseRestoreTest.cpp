@@ -2,6 +2,7 @@
 // command-line host selling from the same store in separate processes.
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 
 #include "../purchases/StoreFakes.h"
 #include "PurchaseFixture.h"
@@ -118,16 +119,15 @@ INSTANTIATE_TEST_SUITE_P(Each, BrokenStoreConfiguration,
 // folder with this test.
 class PurchaseCli : public SandboxPurchase {
  protected:
+  // `args` are words separated by blanks.
   nlohmann::json run(const std::string& args, int expectedStatus = 0) {
-    std::string command = (binDir() / "velquin").string() + " --bundle " +
-                          env.bundleDir().string() + " " + args + " 2>/dev/null";
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    char buffer[16384];
-    while (pipe && fgets(buffer, sizeof buffer, pipe)) output = buffer;  // the last line
-    int status = pipe ? pclose(pipe) : -1;
-    EXPECT_EQ(WEXITSTATUS(status), expectedStatus) << command << "\n" << output;
-    return nlohmann::json::parse(output, nullptr, false);
+    std::vector<std::string> words;
+    std::istringstream in(args);
+    for (std::string word; in >> word;) words.push_back(word);
+    int status = -1;
+    auto result = runHost(words, &status);
+    EXPECT_EQ(status, expectedStatus) << args << "\n" << result.dump();
+    return result;
   }
 };
 

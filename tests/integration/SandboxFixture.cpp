@@ -1,5 +1,8 @@
 #include "SandboxFixture.h"
 
+#include <sys/wait.h>
+
+#include <cstdio>
 #include <thread>
 
 #include "velquin/NotificationCenter.h"
@@ -45,6 +48,24 @@ bool SandboxTest::configureAndWait(std::chrono::seconds limit) {
   lock.unlock();
   NotificationCenter::defaultCenter().removeObserver(token);
   return ok;
+}
+
+nlohmann::json SandboxTest::runHost(const std::vector<std::string>& args, int* exitStatus) {
+  std::string command = "'" + (binDir() / "velquin").string() + "' --bundle '" +
+                        env.bundleDir().string() + "'";
+  for (const auto& arg : args) command += " '" + arg + "'";
+  command += " 2>/dev/null";
+  FILE* pipe = popen(command.c_str(), "r");
+  std::string output;
+  char buffer[4096];
+  while (pipe && fgets(buffer, sizeof buffer, pipe)) output += buffer;
+  int status = pipe ? pclose(pipe) : -1;
+  if (exitStatus) *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  while (!output.empty() && output.back() == '\n') output.pop_back();
+  auto lastLine = output.substr(output.find_last_of('\n') == std::string::npos
+                                    ? 0
+                                    : output.find_last_of('\n') + 1);
+  return nlohmann::json::parse(lastLine, nullptr, false);
 }
 
 bool SandboxTest::waitForCalls(const std::string& method, size_t count,

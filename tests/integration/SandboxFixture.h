@@ -8,6 +8,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "SandboxServer.h"
 #include "support/TempEnvironment.h"
@@ -26,6 +27,11 @@ class SandboxTest : public ::testing::Test {
   // Polls the sandbox until `count` calls of `method` were recorded.
   bool waitForCalls(const std::string& method, size_t count,
                     std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+  // Runs the command-line host over this bundle to completion and returns
+  // its last line of output as JSON (discarded when it is not JSON); the
+  // exit status goes to `exitStatus` when given.
+  nlohmann::json runHost(const std::vector<std::string>& args, int* exitStatus = nullptr);
 
   virtual sandbox::FaultOptions initialFaults() { return {}; }
 

@@ -182,19 +182,11 @@ TEST_F(Startup, NonTextAddressFallsBackToTheGateway) {
 
 TEST_F(Startup, UserIdIsSharedByTwoProcesses) {
   writeWorkingTokenFile();
-  auto run = [&](const std::string& args) {
-    std::string command = (binDir() / "velquin").string() + " --bundle " +
-                          env.bundleDir().string() + " " + args;
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    char buffer[4096];
-    while (pipe && fgets(buffer, sizeof buffer, pipe)) output = buffer;  // keep the last line
-    int status = pipe ? pclose(pipe) : -1;
-    EXPECT_EQ(status, 0) << command;
-    return nlohmann::json::parse(output, nullptr, false);
-  };
-  auto first = run("user-id");
-  auto second = run("configure --wait 20");
+  int firstStatus = -1, secondStatus = -1;
+  auto first = runHost({"user-id"}, &firstStatus);
+  auto second = runHost({"configure", "--wait", "20"}, &secondStatus);
+  EXPECT_EQ(firstStatus, 0);
+  EXPECT_EQ(secondStatus, 0);
   ASSERT_TRUE(first.is_object() && second.is_object());
   EXPECT_EQ(first["userId"], second["userId"]);
   EXPECT_EQ(second["tag"], "exp-a");
