@@ -133,23 +133,10 @@ class MonitorHub {
   std::uint64_t nextListener_ = 1;                  // guarded by mutex_
 };
 
-// Flags of the internet connection: the hub's flags as they stand.
-class InternetSource final : public ReachabilityFlagSource {
+// A flag source's one listener on the hub.
+class HubListening : public ReachabilityFlagSource {
  public:
-  ~InternetSource() override { unwatch(); }
-
-  std::optional<ReachabilityFlags> flags() override {
-    if (!MonitorHub::shared().ensureStarted()) return std::nullopt;
-    return MonitorHub::shared().internetFlags();
-  }
-
-  bool watch(std::function<void()> changed) override {
-    if (!MonitorHub::shared().ensureStarted()) return false;
-    std::lock_guard lock(mutex_);
-    if (listener_) MonitorHub::shared().removeListener(listener_);
-    listener_ = MonitorHub::shared().addListener(std::move(changed));
-    return true;
-  }
+  ~HubListening() override { unwatch(); }
 
   void unwatch() override {
     std::lock_guard lock(mutex_);
@@ -157,18 +144,40 @@ class InternetSource final : public ReachabilityFlagSource {
     listener_ = 0;
   }
 
+ protected:
+  // Replaces the listener; false when the network monitor cannot start.
+  bool listen(std::function<void()> onChange) {
+    if (!MonitorHub::shared().ensureStarted()) return false;
+    std::lock_guard lock(mutex_);
+    if (listener_) MonitorHub::shared().removeListener(listener_);
+    listener_ = MonitorHub::shared().addListener(std::move(onChange));
+    return true;
+  }
+
  private:
   std::mutex mutex_;
   std::uint64_t listener_ = 0;  // guarded by mutex_
 };
 
+// Flags of the internet connection: the hub's flags as they stand.
+class InternetSource final : public HubListening {
+ public:
+
+  std::optional<ReachabilityFlags> flags() override {
+    if (!MonitorHub::shared().ensureStarted()) return std::nullopt;
+    return MonitorHub::shared().internetFlags();
+  }
+
+  bool watch(std::function<void()> changed) override { return listen(std::move(changed)); }
+};
+
 // Flags of a host name or address: the internet flags with the reachable bit
 // answered by g_network_monitor_can_reach_async, which runs on the main queue
 // (the monitor is not thread-safe) and is cancelled after reachTimeout().
-class TargetSource final : public ReachabilityFlagSource {
+class TargetSource final : public HubListening {
  public:
   explicit TargetSource(GSocketConnectable* target) : state_(std::make_shared<State>(target)) {}
-  ~TargetSource() override { unwatch(); }
+  ~TargetSource() override { unwatch(); }  // stop listening before state_ goes
 
   std::optional<ReachabilityFlags> flags() override {
     auto& hub = MonitorHub::shared();
@@ -197,23 +206,12 @@ class TargetSource final : public ReachabilityFlagSource {
   }
 
   bool watch(std::function<void()> changed) override {
-    if (!MonitorHub::shared().ensureStarted()) return false;
-    std::lock_guard lock(mutex_);
-    if (listener_) MonitorHub::shared().removeListener(listener_);
     // A network change re-checks the target and reports once the answer is in.
-    listener_ = MonitorHub::shared().addListener(
-        [state = state_, changed = std::move(changed)] {
-          auto done = std::make_shared<Done>();
-          done->then = changed;
-          check(state, done);
-        });
-    return true;
-  }
-
-  void unwatch() override {
-    std::lock_guard lock(mutex_);
-    if (listener_) MonitorHub::shared().removeListener(listener_);
-    listener_ = 0;
+    return listen([state = state_, changed = std::move(changed)] {
+      auto done = std::make_shared<Done>();
+      done->then = changed;
+      check(state, done);
+    });
   }
 
  private:
@@ -299,8 +297,6 @@ class TargetSource final : public ReachabilityFlagSource {
   }
 
   const std::shared_ptr<State> state_;  // shared with checks in flight
-  std::mutex mutex_;
-  std::uint64_t listener_ = 0;  // guarded by mutex_
 };
 
 bool isZeroIPv4(const sockaddr* address) {
