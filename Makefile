@@ -3,6 +3,13 @@
 #   make test   build and run every test (plain, ASan+UBSan, and TSan for delivery)
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
+# ccache, when installed, makes rebuilds and other checkouts of the tree
+# cheap; paths below this folder hash alike in every checkout.
+ifneq ($(shell command -v ccache 2>/dev/null),)
+CMAKE_FLAGS += -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache
+export CCACHE_BASEDIR ?= $(CURDIR)
+export CCACHE_NOHASHDIR ?= true
+endif
 
 .PHONY: demo test deps build build-asan build-tsan clean
 
