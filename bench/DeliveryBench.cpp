@@ -536,7 +536,8 @@ int runBreakdown(velquin::bench::BenchSandbox& sandbox, std::size_t events) {
                                             facts, identity);
     }
   });
-  velquin::EventdStub stub(token.apiAddress.value_or(""), token.rootCertificates.value_or(""));
+  velquin::EventdStub stub(token.apiAddress.value_or(""), token.rootCertificates.value_or(""),
+                          nullptr);
   timeSteps("prepareFireEvent (call object, two headers; not started)", [&](std::size_t i) {
     auto call = stub.prepareFireEvent(built[i % built.size()], [](auto, auto) {});
   });

@@ -9,9 +9,9 @@ namespace velquin {
 
 // How a purchase that the store promotes is handled (raw values 0-2).
 enum class OVPromotingInAppPurchaseStatus : std::int32_t {
-  proceed = 0,           // the store goes on with the payment at once
-  deferred = 1,          // the app adds the payment itself later
-  deferredToObserver = 2 // the app's observer decides, then adds the payment
+  proceed = 0,            // the store goes on with the payment at once
+  deferred = 1,           // the app adds the payment itself later
+  deferredToObserver = 2  // the app's observer decides, then adds the payment
 };
 std::optional<OVPromotingInAppPurchaseStatus> promotingStatusFromRaw(std::int32_t raw);
 
@@ -35,5 +35,24 @@ enum class AttributionNetwork : std::uint32_t {
 };
 // The network's wire name ("adjust", ..., "custom"); empty for raw values past 5.
 std::string attributionSourceName(AttributionNetwork network);
+
+// The backend's answer to an attribution update: what it attributed the
+// install to. Texts are empty when the backend sent none.
+struct OVAttribution {
+  std::string appId;
+  std::string advertiserId;
+  std::string appUserId;
+  std::string attributionSource;
+  std::string acquisitionSource;
+  std::string acquisitionCampaign;
+  std::string acquisitionLander;
+  std::string acquisitionCountry;
+  std::string acquisitionVar1;
+  std::string acquisitionVar2;
+  std::string acquisitionVar3;
+  std::string adEventId;
+  std::string trackerId;
+  std::int64_t clickTime = 0;
+};
 
 }  // namespace velquin

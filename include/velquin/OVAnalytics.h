@@ -8,6 +8,7 @@
 // once per send attempt.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -16,11 +17,12 @@
 
 #include "velquin/Error.h"
 
-namespace protocol {
-class EventResponse;
-}
-
 namespace velquin {
+
+// The backend's answer to one event.
+struct OVEventResponse {
+  bool status = false;
+};
 
 // Event types and the names the backend receives for them.
 enum class EventType : int {
@@ -38,8 +40,18 @@ enum class EventType : int {
 };
 const char* eventName(EventType type);
 
-enum class ParamScreenType { paramScreenNono = 0, paramScreenHome, paramScreenSet, eParamScreenLock };
-enum class ParamPlaceType { paramPlaceNono = 0, paramPlaceClean, paramPlaceBoost, paramPlaceInstall };
+enum class ParamScreenType {
+  paramScreenNono = 0,
+  paramScreenHome,
+  paramScreenSet,
+  eParamScreenLock
+};
+enum class ParamPlaceType {
+  paramPlaceNono = 0,
+  paramPlaceClean,
+  paramPlaceBoost,
+  paramPlaceInstall
+};
 enum class ParamAdSouceType {
   paramAdSouceNono = 0,
   paramAdSouceFacebook,
@@ -63,17 +75,15 @@ struct ParamModel {
 
 class OVAnalytics {
  public:
-  using SuccessBlock = std::function<void(const protocol::EventResponse&)>;
+  using SuccessBlock = std::function<void(const OVEventResponse&)>;
   using FailureBlock = std::function<void(const Error&)>;
 
   // Each returns the request id of the stored event.
   std::string uploadBigDataWithType(EventType type, const ParamModel& paramModel,
-                                    SuccessBlock success = nullptr,
-                                    FailureBlock failure = nullptr);
+                                    SuccessBlock success = nullptr, FailureBlock failure = nullptr);
   std::string uploadBigDataWithType(EventType type,
                                     const nlohmann::json& params = nlohmann::json::object(),
-                                    SuccessBlock success = nullptr,
-                                    FailureBlock failure = nullptr);
+                                    SuccessBlock success = nullptr, FailureBlock failure = nullptr);
   // A free event name; the parameters travel as compact JSON in the event's value.
   std::string uploadBigDataWithEvent(const std::optional<std::string>& eventName,
                                      const nlohmann::json& params = nlohmann::json::object(),
@@ -87,6 +97,19 @@ class OVAnalytics {
   void registerBigDataWitInfoPlist();
   // The deferred part of the start, run at once (tests, tools).
   void runDeferredStart();
+
+  // ---- The local event cache and its delivery, for hosts that want to
+  // send what is cached before they exit (e.g. a command-line host).
+
+  // Rows in the local event cache; with an id, the rows carrying it.
+  std::int64_t cachedEventCount(const std::optional<std::string>& requestId = std::nullopt);
+  // True once start-up has handed the app key to the event client; before
+  // that, events wait in the cache.
+  bool canSendEvents() const;
+  // Queues every cached event for sending now, as the 60-second timer does.
+  void uploadCachedEvents();
+  // True when no event is waiting for a call slot or in flight.
+  bool isDeliveryIdle();
 };
 
 }  // namespace velquin

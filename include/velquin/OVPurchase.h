@@ -1,12 +1,12 @@
 // The purchase orchestrator: start-up, the user id, backend queries, and
 // (with the store) purchases, restores and receipt verification.
 //
-// Ownership and threads: one instance for the process (shared()), created by
-// Velquin::shared() and never torn down. It owns the store transaction
-// wrapper, the receipt refresher, the backend client, the user data manager,
-// the product catalogue and the cache. Calls may come from any thread;
-// completions run on gRPC callback threads or the main queue as each member
-// says. Backend and store callbacks hold the orchestrator weakly.
+// Ownership and threads: one instance for the process (shared()), created
+// first by Velquin::shared() and never torn down; behind it sit the store
+// transaction wrapper, the receipt refresher, the backend client, the user
+// data manager, the product catalogue and the cache. Calls may come from any
+// thread; completions run on gRPC callback threads or the main queue as each
+// member says. Backend and store callbacks hold the orchestrator weakly.
 //
 // Completion slots: transactionCompletion, FetchReceiptCompletion,
 // monitorTransationCompletion and restoreCompletion each hold one completion.
@@ -20,7 +20,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -30,20 +29,13 @@
 
 #include "velquin/Error.h"
 #include "velquin/Models.h"
+#include "velquin/PagePresenter.h"
 #include "velquin/StoreKit.h"
 #include "velquin/Subscriber.h"
 
 namespace velquin {
-namespace iap {
-class GetAppConfigResponse;
-class Subscriber;
-}
-class GRPCserviceManager;
-class OVUserDataManager;
-class OVDataCache;
-class OVStoreKitWrapper;
-class OVReceiptRequest;
-class OVProductRequest;
+class OVPurchaseImpl;
+class Velquin;
 
 using ReceiptData = std::vector<std::uint8_t>;
 
@@ -71,52 +63,29 @@ class OVPromotingObserverProtocol {
                                                     const SKProductPtr& product) = 0;
 };
 
-// What the store transaction wrapper tells its owner. Every call runs on the
-// main queue.
-class StoreKitWrapperDelegate {
- public:
-  virtual ~StoreKitWrapperDelegate() = default;
-  // The newest transaction of a batch was purchased or restored. `receipt` is
-  // the receipt file as it is on disk (absent without a readable file).
-  virtual void storeKitWrapperDidUpdateTransaction(
-      std::optional<ReceiptData> receipt, const SKPaymentTransactionPtr& transaction,
-      const std::vector<SKPaymentTransactionPtr>& transactions) = 0;
-  virtual void storeKitWrapperDidFailTransaction(const SKPaymentTransactionPtr& transaction) = 0;
-  virtual void storeKitWrapperRestoreDidFinish(SKPaymentQueue& queue) = 0;
-  // A store restore error, or the restore time-out.
-  virtual void storeKitWrapperRestoreDidFail(const Error& error) = 0;
-  // The host's promoted-purchase observer, when one is installed and alive.
-  virtual std::shared_ptr<OVPromotingObserverProtocol> promotingObserver() const = 0;
-};
-
-class OVPurchase : public StoreKitWrapperDelegate,
-                   public std::enable_shared_from_this<OVPurchase> {
+class OVPurchase {
  public:
   // Posted (no object) each time a GetAppConfig answer, reply or error, has
   // been handled by start-up.
   static constexpr const char* kAppConfigHandledNotification = "VelquinAppConfigHandled";
 
-  using TransactionCompletion = std::function<void(
-      SKPaymentTransactionPtr transaction, OVSubscriber subscriber, std::optional<Error> error,
-      bool userCancelled)>;
+  using TransactionCompletion =
+      std::function<void(SKPaymentTransactionPtr transaction, OVSubscriber subscriber,
+                         std::optional<Error> error, bool userCancelled)>;
   using FetchReceiptCompletion = std::function<void(
       SKPaymentTransactionPtr transaction, std::vector<SKPaymentTransactionPtr> transactions,
       std::optional<ReceiptData> receipt, std::optional<Error> error)>;
   using SubscriberCompletion = std::function<void(OVSubscriber, std::optional<Error>)>;
   using ProductIdsCompletion =
       std::function<void(std::optional<std::vector<std::string>>, std::optional<Error>)>;
-  using SkuDetailsCompletion = std::function<void(
-      std::optional<std::map<std::string, SKProductPtr>>, std::optional<Error>)>;
-  using PaywallCompletion = std::function<void(bool shown, std::optional<std::string> message)>;
-  // Shows the paywall page on the main queue. Returns false when it cannot
-  // (no window to show it in); otherwise the page reports through the
-  // completion later, exactly once.
-  using PaywallPresenter =
-      std::function<bool(const std::string& html, PaywallCompletion completion)>;
+  using SkuDetailsCompletion =
+      std::function<void(std::optional<std::map<std::string, SKProductPtr>>, std::optional<Error>)>;
+  using PaywallCompletion = PagePresenter::PaywallCompletion;
 
   static OVPurchase& shared();
-  static std::shared_ptr<OVPurchase> sharedPointer();
-  ~OVPurchase() override;
+  ~OVPurchase();
+  OVPurchase(const OVPurchase&) = delete;
+  OVPurchase& operator=(const OVPurchase&) = delete;
 
   // Both names run start-up from the bundle's token file; without a file or
   // a text "access_token" they return silently.
@@ -175,14 +144,14 @@ class OVPurchase : public StoreKitWrapperDelegate,
   // Shows the server's paywall page through the installed presenter.
   void loadPaywallToPurachase(PaywallCompletion completion);
   // Installs the page presenter (libvelquin-gtk does); without one the
-  // paywall answers (false, "paywall show failed").
-  void setPaywallPresenter(PaywallPresenter presenter);
+  // paywall answers (false, "paywall show failed"). Held for the process.
+  void setPagePresenter(std::shared_ptr<PagePresenter> presenter);
   // Clears the cache's time stamps and product record; products stay.
   void invalidateCache();
 
   // The host's observer of promoted purchases, held weakly.
   void setPromotingObserver(const std::shared_ptr<OVPromotingObserverProtocol>& observer);
-  std::shared_ptr<OVPromotingObserverProtocol> promotingObserver() const override;
+  std::shared_ptr<OVPromotingObserverProtocol> promotingObserver() const;
 
   // Optionally makes `userId` current, then sends UploadUserInfo with the
   // attribute map as compact JSON.
@@ -193,65 +162,17 @@ class OVPurchase : public StoreKitWrapperDelegate,
   // The user id the SDK reports to the backend (kept in user defaults).
   std::string appUserId() const;
 
-  GRPCserviceManager& networkManager() { return *networkManager_; }
-  OVUserDataManager& userDataManager() { return *userDataManager_; }
-  OVDataCache& dataCache() { return *dataCache_; }
-  OVStoreKitWrapper& storeKitWrapper() { return *storeKitWrapper_; }
-  OVProductRequest& productsRequest() { return *productsRequest_; }
-  OVReceiptRequest& receiptRequest() { return *receiptRequest_; }
-
-  // Stores the pages and product ids of a GetAppConfig answer (or logs the
-  // error), starts fetching the products, and posts
-  // kAppConfigHandledNotification.
-  void handleAppConfig(const iap::GetAppConfigResponse* reply, const std::optional<Error>& error);
-
-  // StoreKitWrapperDelegate (main queue).
-  void storeKitWrapperDidUpdateTransaction(
-      std::optional<ReceiptData> receipt, const SKPaymentTransactionPtr& transaction,
-      const std::vector<SKPaymentTransactionPtr>& transactions) override;
-  void storeKitWrapperDidFailTransaction(const SKPaymentTransactionPtr& transaction) override;
-  void storeKitWrapperRestoreDidFinish(SKPaymentQueue& queue) override;
-  void storeKitWrapperRestoreDidFail(const Error& error) override;
+  // What start-up's GetAppConfig answer left in the cache: the server's
+  // product ids, the paywall page and the welcome page (absent until an
+  // answer came).
+  std::optional<std::vector<std::string>> cachedProductIds() const;
+  std::optional<std::string> cachedPaywallPage() const;
+  std::optional<std::string> cachedWelcomePage() const;
 
  private:
-  OVPurchase();
-  // The store objects need the orchestrator's shared pointer.
-  void attachStore();
-
-  void verify(const ReceiptData& receipt, const SKPaymentTransactionPtr& transaction,
-              const std::vector<SKPaymentTransactionPtr>& transactions);
-  void completeVerification(const SKPaymentTransactionPtr& transaction,
-                            const std::vector<SKPaymentTransactionPtr>& transactions,
-                            const std::optional<ReceiptData>& receipt,
-                            const iap::Subscriber* reply, const std::optional<Error>& error);
-  void reportVerificationError(const SKPaymentTransactionPtr& transaction,
-                               const std::vector<SKPaymentTransactionPtr>& transactions,
-                               const Error& error);
-  void finishUnlessPurchasing(const std::vector<SKPaymentTransactionPtr>& transactions);
-  void answerRestore(OVSubscriber subscriber, std::optional<Error> error, bool fromVerification);
-  void reportPurchaseEvent(const SKPaymentTransaction& transaction);
-  void showPaywall(const std::string& html, PaywallCompletion completion);
-
-  // The owned objects are made once, by the constructor and attachStore()
-  // (before shared() returns), and are read-only pointers from then on; each
-  // guards its own state.
-  std::shared_ptr<OVStoreKitWrapper> storeKitWrapper_;
-  std::shared_ptr<OVReceiptRequest> receiptRequest_;
-  std::unique_ptr<GRPCserviceManager> networkManager_;
-  std::unique_ptr<OVUserDataManager> userDataManager_;
-  std::shared_ptr<OVProductRequest> productsRequest_;
-  std::unique_ptr<OVDataCache> dataCache_;
-
-  mutable std::mutex slotsMutex_;
-  TransactionCompletion transactionCompletion_;         // guarded by slotsMutex_
-  FetchReceiptCompletion fetchReceiptCompletion_;       // guarded by slotsMutex_
-  FetchReceiptCompletion monitorTransationCompletion_;  // guarded by slotsMutex_
-  SubscriberCompletion restoreCompletion_;              // guarded by slotsMutex_
-  // Restored transactions whose verification has not answered yet; while
-  // there are any, the end of a restore leaves the answer to them.
-  int restoreVerificationsPending_ = 0;  // guarded by slotsMutex_
-  std::weak_ptr<OVPromotingObserverProtocol> promotingObserver_;  // guarded by slotsMutex_
-  PaywallPresenter paywallPresenter_;                             // guarded by slotsMutex_
+  friend class Velquin;
+  explicit OVPurchase(std::shared_ptr<OVPurchaseImpl> impl);
+  const std::shared_ptr<OVPurchaseImpl> impl_;  // immutable; guards its own state
 };
 
 }  // namespace velquin

@@ -5,15 +5,12 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 namespace velquin {
-namespace iap {
-class Subscriber;
-class Subscription;
-}  // namespace iap
 
 // The state of a store subscription; the raw value is the backend's.
 // Negative: ended; positive: live or in grace; zero: no purchase information.
@@ -78,20 +75,66 @@ struct OVSubscriber {
   bool isActive = false;
   std::vector<OVEntitlement> ovEntitlements;
   std::vector<OVSubscription> ovSubscriptions;
-
-  // Builds the subscriber from a backend reply. With entitlements, the first
-  // one's activity is written to the process flag OVUtils::isActive.
-  static OVSubscriber fromReply(const iap::Subscriber& reply);
 };
 
-OVSubscription subscriptionFromReply(const iap::Subscription& reply);
+// Keyed encoding of the two encodable types, for either JSON flavour:
+// keys in the order listed above (an nlohmann::ordered_json keeps it; the
+// plain nlohmann::json sorts keys). Decoding reads each key with its exact
+// type; a missing key or a wrong type fails the whole decode with the JSON
+// library's exception, and nothing partly decoded survives.
+namespace detail {
+template <class T, class Json>
+T strictValue(const Json& json, const char* key) {
+  const auto& value = json.at(key);
+  bool fits;
+  if constexpr (std::is_same_v<T, bool>) {
+    fits = value.is_boolean();
+  } else if constexpr (std::is_integral_v<T>) {
+    fits = value.is_number_integer();
+  } else {
+    fits = value.is_string();
+  }
+  if (!fits) {
+    throw nlohmann::json::type_error::create(302, std::string(key) + " has the wrong type", &value);
+  }
+  return value.template get<T>();
+}
+}  // namespace detail
 
-// Keyed encoding of the two encodable types: keys in the order listed above;
-// decoding fails as a whole on a missing key or a wrong type (the JSON
-// library's exception, caught by the callers of these functions).
-void to_json(nlohmann::json& json, const OVEntitlement& value);
-void from_json(const nlohmann::json& json, OVEntitlement& value);
-void to_json(nlohmann::json& json, const OVSubscriptionOriginalTransaction& value);
-void from_json(const nlohmann::json& json, OVSubscriptionOriginalTransaction& value);
+template <class Json>
+void to_json(Json& json, const OVEntitlement& value) {
+  json = Json::object();
+  json["id"] = value.id;
+  json["expireAt"] = value.expireAt;
+  json["isActive"] = value.isActive;
+  json["productId"] = value.productId;
+}
+
+template <class Json>
+void from_json(const Json& json, OVEntitlement& value) {
+  OVEntitlement decoded;
+  decoded.id = detail::strictValue<std::string>(json, "id");
+  decoded.expireAt = detail::strictValue<std::int64_t>(json, "expireAt");
+  decoded.isActive = detail::strictValue<bool>(json, "isActive");
+  decoded.productId = detail::strictValue<std::string>(json, "productId");
+  value = std::move(decoded);
+}
+
+template <class Json>
+void to_json(Json& json, const OVSubscriptionOriginalTransaction& value) {
+  json = Json::object();
+  json["originalTxid"] = value.originalTxid;
+  json["startAt"] = value.startAt;
+  json["expireAt"] = value.expireAt;
+}
+
+template <class Json>
+void from_json(const Json& json, OVSubscriptionOriginalTransaction& value) {
+  OVSubscriptionOriginalTransaction decoded;
+  decoded.originalTxid = detail::strictValue<std::string>(json, "originalTxid");
+  decoded.startAt = detail::strictValue<std::int64_t>(json, "startAt");
+  decoded.expireAt = detail::strictValue<std::int64_t>(json, "expireAt");
+  value = std::move(decoded);
+}
 
 }  // namespace velquin

@@ -26,19 +26,17 @@
 #include "velquin/Error.h"
 #include "velquin/Models.h"
 #include "velquin/OVPurchase.h"
+#include "velquin/PagePresenter.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin {
-namespace attribution {
-class GetAttributionResponse;
-}
 class OVAnalytics;
 
 class Velquin {
  public:
   static Velquin& shared();
 
-  OVPurchase& purchases() { return purchases_; }
+  OVPurchase& purchases() { return *purchases_; }
   OVAnalytics& analytics() { return *analytics_; }
 
   // Start-up from the bundle's token file: Init, analytics, GetSubscriber,
@@ -50,6 +48,8 @@ class Velquin {
 
   // The user id held by the device information (empty before start-up set one).
   std::string getAppUserId() const;
+  // The experiment tag of the last Init answer; absent until one answered.
+  std::optional<std::string> experimentTag() const;
   void uploadUserInfo();
   void uploadUserInfo(const std::optional<std::string>& userId,
                       const nlohmann::json& extraAttribute,
@@ -58,8 +58,8 @@ class Velquin {
   void uploadDeviceInfo(const std::string& deviceToken,
                         std::function<void(bool, std::optional<Error>)> completion);
 
-  using AttributionCompletion = std::function<void(
-      std::optional<attribution::GetAttributionResponse>, std::optional<Error>)>;
+  using AttributionCompletion =
+      std::function<void(std::optional<OVAttribution>, std::optional<Error>)>;
   // `data` is sent as compact JSON text.
   void updateAttribution(const nlohmann::json& data, AttributionNetwork source,
                          const std::optional<std::string>& networkUserId,
@@ -105,8 +105,13 @@ class Velquin {
   void restorePurchases(OVPurchase::SubscriberCompletion completion);
   void loadPaywallToPurachase(OVPurchase::PaywallCompletion completion);
   // How promoted purchases are handled, and who hears of them (held weakly).
-  void setInAppPurchasePromotingStatus(OVPromotingInAppPurchaseStatus status,
-                                       const std::shared_ptr<OVPromotingObserverProtocol>& observer);
+  void setInAppPurchasePromotingStatus(
+      OVPromotingInAppPurchaseStatus status,
+      const std::shared_ptr<OVPromotingObserverProtocol>& observer);
+
+  // Installs the page presenter that shows the paywall and in-app
+  // messages (velquin::gtk::install() does this for GTK hosts).
+  void setPagePresenter(std::shared_ptr<PagePresenter> presenter);
 
   // The delay, in seconds, before an in-app message is shown after the app
   // comes back from the background. Only stored for now.
@@ -115,8 +120,8 @@ class Velquin {
 
  private:
   Velquin();
-  OVPurchase& purchases_;
-  std::unique_ptr<OVAnalytics> analytics_;
+  const std::unique_ptr<OVPurchase> purchases_;   // made first, immutable
+  const std::unique_ptr<OVAnalytics> analytics_;  // immutable
   // Notification settings the host makes before notifications start.
   std::atomic<double> delayTime_{0};  // atomic: any thread
 };

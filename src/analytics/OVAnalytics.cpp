@@ -1,12 +1,11 @@
 #include "velquin/OVAnalytics.h"
 
 #include <chrono>
-#include <cstdio>
 
 #include "analytics/OVDeviceInfoManager.h"
 #include "analytics/OVDeviceInfoManagerHelper.h"
 #include "backend/AppToken.h"
-#include "delivery/OVRequest.h"
+#include "delivery/EventEnvelope.h"
 #include "delivery/OVRequestCache.h"
 #include "delivery/OVRequestManager.h"
 #include "platform/UserDefaults.h"
@@ -19,15 +18,11 @@ namespace {
 
 constexpr const char* kFirstOpenKey = "ORVENT_ANALYTICS_FIRST_OPEN";
 
-std::string formatWhole(double value) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.f", value);
-  return text;
-}
-
-double secondsSince1970() {
-  using namespace std::chrono;
-  return duration<double>(system_clock::now().time_since_epoch()).count();
+OVRequestManager::SuccessBlock adaptSuccess(OVAnalytics::SuccessBlock success) {
+  if (!success) return nullptr;
+  return [success = std::move(success)](const protocol::EventResponse& reply) {
+    success(OVEventResponse{reply.status()});
+  };
 }
 
 }  // namespace
@@ -85,22 +80,13 @@ std::string OVAnalytics::uploadBigDataWithEvent(const std::optional<std::string>
   // rows an earlier run left behind.
   auto& cache = OVRequestCache::shared();
   auto& deviceInfo = OVDeviceInfoManager::shared();
-  nlohmann::json envelope = nlohmann::json::object();
-  if (name) envelope["eventName"] = *name;
   const nlohmann::json& value = params.is_null() ? nlohmann::json::object() : params;
-  if (auto text = OVCFunctionToolHelper::DataTOjsonString(value)) envelope["eventValue"] = *text;
-  envelope["timestamp"] = formatWhole(OVDeviceInfoManager::getCurrentMSimestamp());
-  if (auto user = deviceInfo.userId(); !user.empty()) envelope["userId"] = user;
-
-  auto request = std::make_shared<OVRequest>();
-  request->setParams(std::move(envelope));
-  request->setRequestId(
-      formatWhole(secondsSince1970() + static_cast<double>(deviceInfo.nextRequestNumber())));
-  request->setReliability(1);
+  auto request = makeEventEnvelope({name, OVCFunctionToolHelper::DataTOjsonString(value),
+                                    deviceInfo.userId(), deviceInfo.nextRequestNumber()});
   std::string id = request->requestIdText();
   // Stored before it is sent: from here on the event survives anything.
   cache.addRequest(*request);
-  OVRequestManager::shared().enqueueRequest(std::move(request), std::move(success),
+  OVRequestManager::shared().enqueueRequest(std::move(request), adaptSuccess(std::move(success)),
                                             std::move(failure));
   return id;
 }
@@ -123,6 +109,22 @@ void OVAnalytics::runDeferredStart() {
     uploadBigDataWithType(EventType::appStart);
   }
   manager.startTimer();
+}
+
+std::int64_t OVAnalytics::cachedEventCount(const std::optional<std::string>& requestId) {
+  return OVRequestCache::shared().rowCount(requestId);
+}
+
+bool OVAnalytics::canSendEvents() const {
+  return !OVDeviceInfoManagerHelper::sharedManager().appKey().empty();
+}
+
+void OVAnalytics::uploadCachedEvents() { OVRequestManager::shared().uploadCacheData(); }
+
+bool OVAnalytics::isDeliveryIdle() {
+  auto& manager = OVRequestManager::shared();
+  manager.drainQueue();
+  return manager.inFlight() == 0 && manager.queued() == 0;
 }
 
 }  // namespace velquin

@@ -11,7 +11,7 @@
 
 #include "analytics/OVDeviceInfoManagerHelper.h"
 #include "backend/AppToken.h"
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "platform/Keychain.h"
 #include "platform/SystemInfo.h"
 #include "support/Console.h"
@@ -106,18 +106,26 @@ DeviceFacts OVDeviceInfoManager::deviceFacts() const {
     facts.extStorageSize = storage->totalMB;
     facts.availableStorageSize = storage->availableMB;
   }
-  CarrierProvider carrier;
   {
     std::lock_guard lock(mutex_);
-    carrier = carrierProvider_;
     facts.screenWidth = screenWidth_;
     facts.screenHeight = screenHeight_;
     facts.screenDensity = screenDensity_;
   }
-  std::optional<std::string> name;
-  if (carrier) name = carrier();
-  facts.carrier = name && !name->empty() ? *name : kNoCarrier;
+  facts.carrier = carrierName().value_or(kNoCarrier);
   return facts;
+}
+
+std::optional<std::string> OVDeviceInfoManager::carrierName() const {
+  CarrierProvider carrier;
+  {
+    std::lock_guard lock(mutex_);
+    carrier = carrierProvider_;
+  }
+  std::optional<std::string> name;
+  if (carrier) name = carrier();  // outside the lock: the host's code
+  if (name && name->empty()) name.reset();
+  return name;
 }
 
 void OVDeviceInfoManager::setCarrierProvider(CarrierProvider provider) {

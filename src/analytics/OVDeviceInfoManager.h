@@ -21,39 +21,21 @@
 #include <string>
 #include <thread>
 
+#include "backend/DeviceSource.h"
+#include "delivery/EventRequestBuilder.h"
+
 namespace velquin {
 namespace platform {
 class Keychain;
 }
 class OVDeviceInfoManagerHelper;
 
-// What an event's extra information carries about the device and the app.
-struct DeviceFacts {
-  std::string osVersion;
-  std::string packageName;         // CFBundleIdentifier
-  std::string packageVersion;      // CFBundleShortVersionString
-  std::string packageVersionCode;  // CFBundleVersion
-  std::string carrier;             // "Nocarrier" when no provider names one
-  std::string deviceModel;         // uname machine, e.g. "x86_64"
-  std::string deviceBrand;         // firmware vendor; may be empty
-  std::string locale;
-  std::string timeZone;
-  std::string timeZoneAbv;
-  std::int32_t screenWidth = 0;  // 0 until the host reports its screen
-  std::int32_t screenHeight = 0;
-  double screenDensity = 0;
-  std::int32_t extStorageSize = 0;        // MiB of the file system of the data folder
-  std::int32_t availableStorageSize = 0;  // MiB free there
-};
-
-class OVDeviceInfoManager {
+class OVDeviceInfoManager final : public DeviceSource {
  public:
   // Used when the bundle has no identifier.
   static constexpr const char* kFallbackKeychainName = "com.velquin.sdk";
   // Used when the machine gives no vendor identifier.
   static constexpr const char* kFallbackVendorId = "E621E7F8-0000-0000-0000-0C247A3E6E5F";
-  static constexpr const char* kZeroAdvertisingId = "00000000-0000-0000-0000-000000000000";
-  static constexpr const char* kNoCarrier = "Nocarrier";
 
   // The vendor identifier for an application id: upper-case UUID text, or
   // empty when the machine gives none.
@@ -65,13 +47,13 @@ class OVDeviceInfoManager {
   OVDeviceInfoManager(platform::Keychain& keychain, std::string bundleIdentifier);
   OVDeviceInfoManager(platform::Keychain& keychain, std::string bundleIdentifier,
                       VendorIdSource vendorIdSource);
-  ~OVDeviceInfoManager();
+  ~OVDeviceInfoManager() override;
   OVDeviceInfoManager(const OVDeviceInfoManager&) = delete;
   OVDeviceInfoManager& operator=(const OVDeviceInfoManager&) = delete;
 
-  std::string userId() const;
+  std::string userId() const override;
   void setUserId(const std::string& userId);
-  std::string idfa() const;
+  std::string idfa() const override;
   void setIdfa(const std::string& idfa);
   std::string appsflyer_device_id() const;
   void setAppsflyer_device_id(const std::string& id);
@@ -85,16 +67,18 @@ class OVDeviceInfoManager {
 
   // One stable text per installation, kept in the keychain under
   // "<bundle id>.deviceID"; made from the vendor identifier at first use.
-  std::string deviceIdentifier();
+  std::string deviceIdentifier() override;
   // The advertising identifier, when the host installed a provider that
   // reports tracking as authorised; the all-zero text counts as none.
-  std::optional<std::string> advertisingIdentifier() const;
+  std::optional<std::string> advertisingIdentifier() const override;
   void setAdvertisingIdProvider(AdvertisingIdProvider provider);
 
   // The facts an event carries, read now. Versions come from the main bundle.
   DeviceFacts deviceFacts() const;
   // The host's carrier name source (none by default).
   void setCarrierProvider(CarrierProvider provider);
+  // The provider's carrier name; absent without a provider or a name.
+  std::optional<std::string> carrierName() const override;
   // The main screen in points and its scale, reported by the GTK host.
   void setScreen(std::int32_t width, std::int32_t height, double density);
 

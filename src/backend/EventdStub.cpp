@@ -1,12 +1,13 @@
 #include "backend/EventdStub.h"
 
-#include "analytics/OVDeviceInfoManagerHelper.h"
 #include "backend/BackendChannel.h"
 
 namespace velquin {
 
-EventdStub::EventdStub(const std::string& host, const std::string& extraRootCertificates)
-    : stub_(protocol::Eventd::NewStub(backendChannel(host, extraRootCertificates))) {}
+EventdStub::EventdStub(const std::string& host, const std::string& extraRootCertificates,
+                       HeaderSource headers)
+    : stub_(protocol::Eventd::NewStub(backendChannel(host, extraRootCertificates))),
+      headers_(std::move(headers)) {}
 
 std::unique_ptr<EventdStub::FireEventCall> EventdStub::prepareFireEvent(
     protocol::EventRequest request, FireEventCall::Completion completion,
@@ -16,14 +17,10 @@ std::unique_ptr<EventdStub::FireEventCall> EventdStub::prepareFireEvent(
         stub->async()->FireEvent(context, req, resp, std::move(done));
       },
       std::move(request), std::move(completion), timeout);
-  auto& helper = OVDeviceInfoManagerHelper::sharedManager();
-  call->addHeader("authorization", "Bearer " + helper.appKey());
-  call->addHeader("x-vq-experiment", helper.tag());
+  const EventHeaders headers = headers_ ? headers_() : EventHeaders{};
+  call->addHeader("authorization", "Bearer " + headers.appKey);
+  call->addHeader("x-vq-experiment", headers.tag);
   return call;
-}
-
-void EventdStub::fireEvent(protocol::EventRequest request, FireEventCall::Completion completion) {
-  FireEventCall::start(prepareFireEvent(std::move(request), std::move(completion)));
 }
 
 }  // namespace velquin

@@ -2,12 +2,12 @@
 
 #include <openssl/evp.h>
 
-#include "analytics/OVDeviceInfoManager.h"
 #include "backend/AppToken.h"
 #include "backend/BackendChannel.h"
-#include "facade/OVUtils.h"
+#include "backend/DeviceSource.h"
 #include "platform/SystemInfo.h"
 #include "support/OVCFunctionToolHelper.h"
+#include "support/OVUtils.h"
 #include "velquin/Bundle.h"
 #include "velquin/Models.h"
 
@@ -17,7 +17,6 @@ namespace {
 constexpr const char* kSdkVersion = "1.0.15";
 constexpr const char* kDeviceBrand = "Apple";
 constexpr const char* kOperatingSystem = "ios";
-constexpr const char* kNoCarrier = "Nocarrier";
 
 std::string base64(const std::vector<std::uint8_t>& bytes) {
   std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
@@ -39,8 +38,8 @@ ReplyCompletion<Reply> successOnly(SuccessCompletion completion) {
 
 const char* defaultGatewayAddress() { return VELQUIN_GATEWAY; }
 
-GRPCserviceManager::GRPCserviceManager(const Bundle& bundle, OVDeviceInfoManager& deviceInfo)
-    : deviceInfo_(deviceInfo), timeout_(kCallTimeout) {
+GRPCserviceManager::GRPCserviceManager(const Bundle& bundle, DeviceSource& device)
+    : deviceInfo_(device), timeout_(kCallTimeout) {
   AppToken token = AppToken::load(bundle);
   app_id_ = token.appId.value_or("");
   serverUrl_ = token.apiAddress.value_or(defaultGatewayAddress());
@@ -117,7 +116,7 @@ void GRPCserviceManager::uploadUserInfo(const std::string& appUserId,
   std::string advertiser = deviceInfo_.idfa();
   if (advertiser.empty()) {
     advertiser = deviceInfo_.advertisingIdentifier().value_or(
-        OVDeviceInfoManager::kZeroAdvertisingId);
+        DeviceSource::kZeroAdvertisingId);
   }
   request.set_advertiser_id(advertiser);
   const std::string deviceId = deviceInfo_.deviceIdentifier();
@@ -238,7 +237,7 @@ void GRPCserviceManager::getAttribution(
   request.set_locale(platform::localeIdentifier());
   request.set_time_zone_abv(platform::timeZoneAbbreviation());
   request.set_time_zone(platform::timeZoneName());
-  request.set_carrier(kNoCarrier);
+  request.set_carrier(deviceInfo_.carrierName().value_or(DeviceSource::kNoCarrier));
   request.set_device_brand(kDeviceBrand);
   request.set_device_id(deviceInfo_.deviceIdentifier());
   call<attribution::GetAttributionRequest, attribution::GetAttributionResponse>(

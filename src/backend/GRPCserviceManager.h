@@ -24,7 +24,7 @@
 
 namespace velquin {
 class Bundle;
-class OVDeviceInfoManager;
+class DeviceSource;
 
 template <class Reply>
 using ReplyCompletion = std::function<void(std::optional<Reply>, std::optional<Error>)>;
@@ -36,7 +36,8 @@ class GRPCserviceManager {
  public:
   // Reads "app_id", "api_address" and "api_root_certificates" from the
   // bundle's token file and builds the three stubs on one channel.
-  explicit GRPCserviceManager(const Bundle& bundle, OVDeviceInfoManager& deviceInfo);
+  // `device` must outlive the client.
+  GRPCserviceManager(const Bundle& bundle, DeviceSource& device);
 
   std::string appKey() const;
   void setAppKey(const std::string& appKey);
@@ -74,7 +75,7 @@ class GRPCserviceManager {
   void call(typename UnaryCall<Request, Response>::Invoke invoke, Request request,
             Headers headers, ReplyCompletion<Response> completion);
 
-  OVDeviceInfoManager& deviceInfo_;
+  DeviceSource& deviceInfo_;
   mutable std::mutex appKeyMutex_;
   std::string appKey_;  // guarded by appKeyMutex_
   std::string app_id_;            // set in the constructor, then read-only

@@ -1,11 +1,6 @@
 #include "delivery/OVRequestCache.h"
 
-#include <ctime>
-
-#include <chrono>
-#include <cstdio>
-
-#include "analytics/OVDeviceInfoManager.h"
+#include "delivery/EventEnvelope.h"
 #include "support/Console.h"
 
 namespace velquin {
@@ -28,33 +23,7 @@ bool isBareNumber(const std::string& text) {
   return digit;
 }
 
-std::string wholeNumberText(double value) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.f", value);
-  return text;
-}
-
 }  // namespace
-
-OVRequestCache& OVRequestCache::shared() {
-  static OVRequestCache* cache = [] {  // lives for the process
-    auto* created = new OVRequestCache(ZKFMDB::shareDatabase());
-    // Ids are "seconds since 1970 + request counter". Rows left by an
-    // earlier run may carry ids past the current second; start the counter
-    // beyond them so a new event never shares an id with a cached one (a
-    // delivered event deletes its row by id).
-    if (auto largest = created->largestRequestId()) {
-      auto now = static_cast<std::int64_t>(std::time(nullptr));
-      auto& counter = OVDeviceInfoManager::shared().num;
-      std::int64_t floor = *largest - now;
-      std::int64_t current = counter.load();
-      while (floor > current && !counter.compare_exchange_weak(current, floor)) {
-      }
-    }
-    return created;
-  }();
-  return *cache;
-}
 
 OVRequestCache::OVRequestCache(ZKFMDB* store) : store_(store) {
   if (!store_) {
@@ -156,25 +125,10 @@ void OVRequestCache::allRequestsFromFmdbWihtClass(const ZKModelDescription& rowM
   });
 }
 
-void OVRequestCache::writeFatalCrash(const std::optional<std::string>& description) {
+void OVRequestCache::writeFatalCrash(const std::optional<std::string>& description,
+                                     const std::string& userId, std::int64_t requestNumber) {
   if (!store_) return;
-  using namespace std::chrono;
-  const double secondsSince1970 =
-      duration<double>(system_clock::now().time_since_epoch()).count();
-
-  nlohmann::json params = nlohmann::json::object();
-  params["eventName"] = kFatalCrashEventName;
-  if (description) params["eventValue"] = *description;
-  params["timestamp"] = wholeNumberText(secondsSince1970 * 1000.0);
-  OVDeviceInfoManager& device = OVDeviceInfoManager::shared();
-  if (std::string userId = device.userId(); !userId.empty()) params["userId"] = userId;
-
-  OVRequest request;
-  request.setParams(std::move(params));
-  const std::int64_t number = device.nextRequestNumber();
-  request.setRequestId(wholeNumberText(secondsSince1970 + static_cast<double>(number)));
-  request.setReliability(1);
-  addRequest(request);
+  addRequest(*makeEventEnvelope({kFatalCrashEventName, description, userId, requestNumber}));
 }
 
 }  // namespace velquin

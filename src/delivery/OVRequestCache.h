@@ -32,7 +32,7 @@ class OVRequestCache {
   static constexpr const char* kTableName = "user";
   static constexpr const char* kFatalCrashEventName = "falal_crash";
 
-  // Over ZKFMDB::shareDatabase().
+  // Over ZKFMDB::shareDatabase(); made by the composition root.
   static OVRequestCache& shared();
   // Over `store` (null: a disabled cache). Creates the table when missing.
   explicit OVRequestCache(ZKFMDB* store);
@@ -54,11 +54,11 @@ class OVRequestCache {
   // stored), in table order; nullopt when there is no store.
   void allRequestsFromFmdbWihtClass(const ZKModelDescription& rowModel,
                                     const FinishBlock& finishBlock);
-  // Writes a "falal_crash" event for the next start to send: eventValue =
-  // `description` when given, timestamp = now in ms ("%.f"), userId = the
-  // device information's user id when it has one; requestId = "%.f" of
-  // (seconds since 1970 + the next request number).
-  void writeFatalCrash(const std::optional<std::string>& description);
+  // Writes a "falal_crash" event for the next start to send, built by the
+  // event envelope maker: eventValue = `description` when given, userId
+  // when not empty, `requestNumber` the device's advanced request counter.
+  void writeFatalCrash(const std::optional<std::string>& description, const std::string& userId,
+                       std::int64_t requestNumber);
   // Rows in the cache; with an id, the rows carrying that id.
   std::int64_t rowCount(const std::optional<std::string>& requestId = std::nullopt);
   // The numerically largest cached request id, if any row has one.

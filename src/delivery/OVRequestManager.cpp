@@ -1,17 +1,10 @@
 #include "delivery/OVRequestManager.h"
 
-#include "analytics/OVDeviceInfoManagerHelper.h"
-#include "backend/AppToken.h"
-#include "backend/EventdStub.h"
-#include "backend/GRPCserviceManager.h"
 #include "delivery/OVRequestCache.h"
 #include "support/Console.h"
-#include "velquin/Bundle.h"
 
 namespace velquin {
 namespace {
-
-bool deliveryLog() { return OVDeviceInfoManager::shared().log.load(); }
 
 bool transportFailure(const std::optional<Error>& error) {
   if (!error) return true;
@@ -20,32 +13,7 @@ bool transportFailure(const std::optional<Error>& error) {
          error->code == grpc::StatusCode::CANCELLED;
 }
 
-
 }  // namespace
-
-std::shared_ptr<OVRequestManager> OVRequestManager::sharedPointer() {
-  static auto* instance = new std::shared_ptr<OVRequestManager>([] {  // lives for the process
-    AppToken token = AppToken::load(Bundle::main());
-    Options options;
-    options.host = token.apiAddress.value_or(defaultGatewayAddress());
-    options.rootCertificates = token.rootCertificates.value_or("");
-    options.cache = &OVRequestCache::shared();
-    options.isReachable = [] { return OVDeviceInfoManager::shared().objcHelper().isReachable(); };
-    options.hasCredentials = [] {
-      return !OVDeviceInfoManagerHelper::sharedManager().appKey().empty();
-    };
-    options.deviceFacts = [] { return OVDeviceInfoManager::shared().deviceFacts(); };
-    options.identity = [] {
-      auto& info = OVDeviceInfoManager::shared();
-      return EventIdentity{info.deviceIdentifier(),
-                           info.advertisingIdentifier().value_or(info.idfa()), "", ""};
-    };
-    return create(std::move(options));
-  }());
-  return *instance;
-}
-
-OVRequestManager& OVRequestManager::shared() { return *sharedPointer(); }
 
 std::shared_ptr<OVRequestManager> OVRequestManager::create(Options options) {
   return std::shared_ptr<OVRequestManager>(new OVRequestManager(std::move(options)));
@@ -53,7 +21,8 @@ std::shared_ptr<OVRequestManager> OVRequestManager::create(Options options) {
 
 OVRequestManager::OVRequestManager(Options options)
     : options_(std::move(options)),
-      stub_(std::make_unique<EventdStub>(options_.host, options_.rootCertificates)) {}
+      stub_(std::make_unique<EventdStub>(options_.host, options_.rootCertificates,
+                                         options_.headers)) {}
 
 OVRequestManager::~OVRequestManager() {
   stopping_ = true;  // rows not sent yet stay cached for the next start
@@ -161,7 +130,7 @@ void OVRequestManager::handleReply(const Pending& pending,
   if (reply) {
     // Any reply counts as accepted, whatever its status.
     auto after = [this, pending, eventRequest, id, status = reply->status(), response = *reply] {
-      if (deliveryLog()) {
+      if (logEnabled()) {
         support::printLine("\n✅✅✅Request address = " + options_.host +
                            " \n request parameter = " + eventRequest.ShortDebugString() +
                            " \n return data = " + (status ? "1" : "0") + " \n cache ID = " + id);
@@ -198,7 +167,7 @@ void OVRequestManager::handleReply(const Pending& pending,
     }
   }
   // Unreachable: the row stays in the cache for the next upload.
-  if (deliveryLog()) {
+  if (logEnabled()) {
     support::printLine("\n❌❌❌Failure message = " + error.value_or(Error{}).message +
                        " \nRequest parameter = " + eventRequest.ShortDebugString() +
                        " \nCache ID = " + id);

@@ -4,8 +4,9 @@
 // number of times while the network is reachable, leaves the row for later
 // while it is not, and re-sends whatever the cache holds every 60 seconds.
 //
-// Ownership and threads: shared() lives for the process; create() makes
-// private instances for tests and tools. Enqueue work runs on the serial
+// Ownership and threads: shared() lives for the process (made and wired by
+// the composition root); create() makes private instances for tests and
+// tools. Enqueue work runs on the serial
 // queue addDelQueue_ ("com.addDel.www"). The send loop never blocks: when
 // all three call slots are taken, envelopes wait in the queue, and each
 // reply (on a gRPC callback thread) frees its slot and runs the loop again
@@ -34,7 +35,7 @@
 #include <vector>
 
 #include "EventRoot.pb.h"
-#include "analytics/OVDeviceInfoManager.h"
+#include "backend/EventdStub.h"
 #include "delivery/EventRequestBuilder.h"
 #include "delivery/OVRequest.h"
 #include "support/SerialQueue.h"
@@ -43,7 +44,6 @@
 
 namespace velquin {
 class OVRequestCache;
-class EventdStub;
 
 class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
  public:
@@ -60,6 +60,8 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
     std::function<bool()> hasCredentials;
     std::function<DeviceFacts()> deviceFacts;
     std::function<EventIdentity()> identity;
+    EventdStub::HeaderSource headers;  // app key and tag, read per call
+    std::function<bool()> logEnabled;  // the delivery log switch
     std::chrono::milliseconds callTimeout{60000};
     std::chrono::milliseconds timerInterval{60000};
   };
@@ -110,6 +112,7 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   void deleteAcknowledged();
   void forget(const std::string& requestId);
   DeviceFacts currentFacts();
+  bool logEnabled() const { return options_.logEnabled && options_.logEnabled(); }
 
   const Options options_;
   std::unique_ptr<EventdStub> stub_;  // built once; safe to share between threads

@@ -3,52 +3,111 @@
 #include "AttributionRoot.pb.h"
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
-#include "facade/OVUtils.h"
+#include "facade/CompositionRoot.h"
+#include "purchases/OVPurchaseImpl.h"
 #include "support/OVCFunctionToolHelper.h"
+#include "support/OVUtils.h"
 #include "velquin/OVAnalytics.h"
 #include "velquin/OVPurchase.h"
 
 namespace velquin {
+namespace {
+
+GRPCserviceManager& network() {
+  return OVPurchaseImpl::shared().networkManager();
+}
+
+OVAttribution attributionFrom(const attribution::GetAttributionResponse& reply) {
+  return OVAttribution{reply.app_id(),
+                       reply.advertiser_id(),
+                       reply.app_user_id(),
+                       reply.attribution_source(),
+                       reply.acquisition_source(),
+                       reply.acquisition_campaign(),
+                       reply.acquisition_lander(),
+                       reply.acquisition_country(),
+                       reply.acquisition_var1(),
+                       reply.acquisition_var2(),
+                       reply.acquisition_var3(),
+                       reply.ad_event_id(),
+                       reply.tracker_id(),
+                       reply.click_time()};
+}
+
+ReplyCompletion<attribution::GetAttributionResponse> attributionReply(
+    Velquin::AttributionCompletion completion) {
+  return [completion = std::move(completion)](
+             std::optional<attribution::GetAttributionResponse> reply, std::optional<Error> error) {
+    if (!completion) return;
+    if (!reply) return completion(std::nullopt, std::move(error));
+    completion(attributionFrom(*reply), std::move(error));
+  };
+}
+
+}  // namespace
 
 Velquin& Velquin::shared() {
   static Velquin* facade = new Velquin();  // lives for the process
   return *facade;
 }
 
-Velquin::Velquin() : purchases_(OVPurchase::shared()), analytics_(std::make_unique<OVAnalytics>()) {}
+// The orchestrator first, then analytics: the creation order of start-up.
+Velquin::Velquin()
+    : purchases_(new OVPurchase(OVPurchaseImpl::sharedPointer())),
+      analytics_(std::make_unique<OVAnalytics>()) {}
 
-void Velquin::configure() { purchases_.configureInitSDKWithVelQuinPlist(); }
+OVPurchase& OVPurchase::shared() {
+  return Velquin::shared().purchases();
+}
 
-void Velquin::setPurchasesLogs(bool enabled) { OVUtils::enableLogs(enabled); }
+void Velquin::configure() {
+  purchases_->configureInitSDKWithVelQuinPlist();
+}
 
-void Velquin::setAnalyticsLogs(bool enabled) { OVDeviceInfoManager::shared().log = !enabled; }
+void Velquin::setPurchasesLogs(bool enabled) {
+  OVUtils::enableLogs(enabled);
+}
 
-std::string Velquin::getAppUserId() const { return OVDeviceInfoManager::shared().userId(); }
+void Velquin::setAnalyticsLogs(bool enabled) {
+  OVDeviceInfoManager::shared().log = !enabled;
+}
+
+std::string Velquin::getAppUserId() const {
+  return OVDeviceInfoManager::shared().userId();
+}
+
+std::optional<std::string> Velquin::experimentTag() const {
+  return OVUtils::shared().velquinSDkInit_tag();
+}
+
+void Velquin::setPagePresenter(std::shared_ptr<PagePresenter> presenter) {
+  purchases_->setPagePresenter(std::move(presenter));
+}
 
 void Velquin::uploadUserInfo() {
-  purchases_.uploadUserInfo(std::nullopt, nlohmann::json::object(), nullptr);
+  purchases_->uploadUserInfo(std::nullopt, nlohmann::json::object(), nullptr);
 }
 
 void Velquin::uploadUserInfo(const std::optional<std::string>& userId,
                              const nlohmann::json& extraAttribute,
                              std::function<void(bool, std::optional<Error>)> completion) {
-  purchases_.uploadUserInfo(userId, extraAttribute, std::move(completion));
+  purchases_->uploadUserInfo(userId, extraAttribute, std::move(completion));
 }
 
 void Velquin::uploadDeviceInfo(const std::string& deviceToken,
                                std::function<void(bool, std::optional<Error>)> completion) {
   log("purchases finish to uploadDeviceInfo");
-  purchases_.networkManager().uploadDeviceToken(OVDeviceInfoManager::shared().deviceIdentifier(),
-                                                deviceToken, std::move(completion));
+  network().uploadDeviceToken(OVDeviceInfoManager::shared().deviceIdentifier(), deviceToken,
+                              std::move(completion));
 }
 
 void Velquin::updateAttribution(const nlohmann::json& data, AttributionNetwork source,
                                 const std::optional<std::string>& networkUserId,
                                 AttributionCompletion completion) {
   log("Geting updateAttribution data from server");
-  purchases_.networkManager().getAttribution(
-      static_cast<std::uint32_t>(source), OVCFunctionToolHelper::DataTOjsonString(data).value_or(""),
-      networkUserId, std::move(completion));
+  network().getAttribution(static_cast<std::uint32_t>(source),
+                           OVCFunctionToolHelper::DataTOjsonString(data).value_or(""),
+                           networkUserId, attributionReply(std::move(completion)));
 }
 
 void Velquin::updateCustomAttribution(const std::string& channel,
@@ -66,16 +125,15 @@ void Velquin::updateCustomAttribution(const std::string& channel,
       {"attributed", true},
   };
   log("Geting updateAttribution data from server");
-  purchases_.networkManager().getAttribution(
-      static_cast<std::uint32_t>(AttributionNetwork::custom),
-      OVCFunctionToolHelper::DataTOjsonString(data).value_or(""), std::nullopt,
-      std::move(completion));
+  network().getAttribution(static_cast<std::uint32_t>(AttributionNetwork::custom),
+                           OVCFunctionToolHelper::DataTOjsonString(data).value_or(""), std::nullopt,
+                           attributionReply(std::move(completion)));
 }
 
 void Velquin::createASignature(
     const std::string& productId, const std::string& offerId, const std::string& userid,
     std::function<void(std::optional<OVOfferSignatureDetail>, std::optional<Error>)> completion) {
-  purchases_.networkManager().generatePromotionalOfferSignature(
+  network().generatePromotionalOfferSignature(
       userid, productId, offerId,
       [completion = std::move(completion)](
           std::optional<iap::GeneratePromotionalOfferSignatureResponse> reply,
@@ -96,10 +154,9 @@ std::string Velquin::uploadBigDataWithType(const std::string& eventName,
 void Velquin::getCurrencyRate(
     const std::string& currencyCode,
     std::function<void(std::optional<double>, std::optional<Error>)> completion) {
-  purchases_.networkManager().getCurrencyRate(
-      currencyCode,
-      [completion = std::move(completion)](std::optional<iap::CurrencyRate> reply,
-                                           std::optional<Error> error) {
+  network().getCurrencyRate(
+      currencyCode, [completion = std::move(completion)](std::optional<iap::CurrencyRate> reply,
+                                                         std::optional<Error> error) {
         if (!completion) return;
         if (!reply) return completion(std::nullopt, std::move(error));
         completion(reply->currency_rate(), std::nullopt);
@@ -107,63 +164,69 @@ void Velquin::getCurrencyRate(
 }
 
 void Velquin::getPurchaseProductIds(OVPurchase::ProductIdsCompletion completion) {
-  purchases_.getPurchaseProductIds(std::move(completion));
+  purchases_->getPurchaseProductIds(std::move(completion));
 }
 
 void Velquin::getSkuDetails(const std::set<std::string>& productIds,
                             OVPurchase::SkuDetailsCompletion completion) {
-  purchases_.getSkuDetails(productIds, std::move(completion));
+  purchases_->getSkuDetails(productIds, std::move(completion));
 }
 
 void Velquin::purchaseSKProduct(const SKProduct& product,
                                 OVPurchase::TransactionCompletion completion) {
-  purchases_.purchaseSKProduct(product, std::move(completion));
+  purchases_->purchaseSKProduct(product, std::move(completion));
 }
 
 void Velquin::purchaseSKProductWithDiscount(const SKProduct& product,
                                             const SKPaymentDiscount& paymentDiscount,
                                             const std::optional<std::string>& applicationUsername,
                                             OVPurchase::TransactionCompletion completion) {
-  purchases_.purchaseSKProductWithDiscount(product, paymentDiscount, applicationUsername,
-                                           std::move(completion));
+  purchases_->purchaseSKProductWithDiscount(product, paymentDiscount, applicationUsername,
+                                            std::move(completion));
 }
 
 void Velquin::purchaseFetchReceiptSKProduct(const SKProduct& product,
                                             OVPurchase::FetchReceiptCompletion completion) {
-  purchases_.purchaseFetchReceiptSKProduct(product, std::move(completion));
+  purchases_->purchaseFetchReceiptSKProduct(product, std::move(completion));
 }
 
 void Velquin::addMonitorTransationCompletionHandler(OVPurchase::FetchReceiptCompletion completion) {
-  purchases_.addMonitorTransationCompletionHandler(std::move(completion));
+  purchases_->addMonitorTransationCompletionHandler(std::move(completion));
 }
 
 void Velquin::finishTransactions(const std::vector<SKPaymentTransactionPtr>& transactions) {
-  purchases_.finishTransactions(transactions);
+  purchases_->finishTransactions(transactions);
 }
 
-bool Velquin::canMakePayment() const { return purchases_.canMakePayments(); }
+bool Velquin::canMakePayment() const {
+  return purchases_->canMakePayments();
+}
 
 void Velquin::hasActiveSubscription(OVPurchase::SubscriberCompletion completion) {
-  purchases_.hasActiveSubscription(std::move(completion));
+  purchases_->hasActiveSubscription(std::move(completion));
 }
 
 void Velquin::restorePurchases(OVPurchase::SubscriberCompletion completion) {
-  purchases_.restorePurchases(std::move(completion));
+  purchases_->restorePurchases(std::move(completion));
 }
 
 void Velquin::loadPaywallToPurachase(OVPurchase::PaywallCompletion completion) {
-  purchases_.loadPaywallToPurachase(std::move(completion));
+  purchases_->loadPaywallToPurachase(std::move(completion));
 }
 
 void Velquin::setInAppPurchasePromotingStatus(
     OVPromotingInAppPurchaseStatus status,
     const std::shared_ptr<OVPromotingObserverProtocol>& observer) {
   OVUtils::shared().promotingStatus = status;
-  purchases_.setPromotingObserver(observer);
+  purchases_->setPromotingObserver(observer);
 }
 
-void Velquin::setFromBackgroudPointToDelayTime(double delayTime) { delayTime_ = delayTime; }
+void Velquin::setFromBackgroudPointToDelayTime(double delayTime) {
+  delayTime_ = delayTime;
+}
 
-double Velquin::fromBackgroudPointToDelayTime() const { return delayTime_; }
+double Velquin::fromBackgroudPointToDelayTime() const {
+  return delayTime_;
+}
 
 }  // namespace velquin

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "platform/UserDefaults.h"
 #include "velquin/NotificationCenter.h"
 

@@ -1,6 +1,6 @@
 #include "purchases/OVProductRequest.h"
 
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 
 namespace velquin {
 

@@ -1,6 +1,6 @@
 #include "purchases/OVReceiptRequest.h"
 
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "purchases/OVStoreKitWrapper.h"
 
 namespace velquin {

@@ -3,7 +3,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 
 namespace velquin {
 

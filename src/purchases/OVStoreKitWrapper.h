@@ -24,6 +24,24 @@
 
 namespace velquin {
 
+// What the store transaction wrapper tells its owner. Every call runs on the
+// main queue.
+class StoreKitWrapperDelegate {
+ public:
+  virtual ~StoreKitWrapperDelegate() = default;
+  // The newest transaction of a batch was purchased or restored. `receipt` is
+  // the receipt file as it is on disk (absent without a readable file).
+  virtual void storeKitWrapperDidUpdateTransaction(
+      std::optional<ReceiptData> receipt, const SKPaymentTransactionPtr& transaction,
+      const std::vector<SKPaymentTransactionPtr>& transactions) = 0;
+  virtual void storeKitWrapperDidFailTransaction(const SKPaymentTransactionPtr& transaction) = 0;
+  virtual void storeKitWrapperRestoreDidFinish(SKPaymentQueue& queue) = 0;
+  // A store restore error, or the restore time-out.
+  virtual void storeKitWrapperRestoreDidFail(const Error& error) = 0;
+  // The host's promoted-purchase observer, when one is installed and alive.
+  virtual std::shared_ptr<OVPromotingObserverProtocol> promotingObserver() const = 0;
+};
+
 // The receipt file of the active store as it is on disk; absent when there is
 // no receipt location or the file cannot be read. No parsing, no encoding.
 std::optional<ReceiptData> readAppStoreReceipt();

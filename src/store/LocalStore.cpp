@@ -17,6 +17,7 @@
 #include "support/Uuid.h"
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
+#include "velquin/LocalStore.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin {

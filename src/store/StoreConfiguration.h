@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "velquin/LocalStore.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin::store {

@@ -1,5 +1,6 @@
 // The store interface's shared pieces: decimal prices, requests and the
 // process-wide active store.
+#include "velquin/LocalStore.h"
 #include "velquin/StoreKit.h"
 
 #include <cctype>

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "velquin/MainQueue.h"
 #include "velquin/NotificationCenter.h"
 

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <set>
 
-#include "analytics/OVDeviceInfoManager.h"
 #include "support/TempEnvironment.h"
 
 namespace velquin {
@@ -156,10 +155,9 @@ TEST_F(OVRequestCacheTest, UnparsableRowsRestoreWithoutHarmingOthers) {
 }
 
 TEST_F(OVRequestCacheTest, FatalCrashWritesGetDistinctIds) {
-  OVDeviceInfoManager::shared().setUserId("user-7");
   OVRequestCache& cache = OVRequestCache::shared();
-  cache.writeFatalCrash(std::string("SIGSEGV at 0x0"));
-  cache.writeFatalCrash(std::nullopt);
+  cache.writeFatalCrash(std::string("SIGSEGV at 0x0"), "user-7", 1);
+  cache.writeFatalCrash(std::nullopt, "user-7", 2);
 
   auto restored = all(cache);
   ASSERT_EQ(restored.size(), 2u);
@@ -198,7 +196,7 @@ TEST(OVRequestCacheWithoutStore, EveryOperationIsANoOp) {
   request.setRequestId("1");
   cache.addRequest(request);
   cache.deleteRequest("1");
-  cache.writeFatalCrash(std::string("x"));
+  cache.writeFatalCrash(std::string("x"), "", 1);
   bool called = false;
   cache.allRequestsFromFmdbWihtClass(OVRequest::zk_model(), [&](const auto& requests) {
     called = true;

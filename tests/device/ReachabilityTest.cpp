@@ -13,7 +13,7 @@
 #include <mutex>
 
 #include "analytics/OVDeviceInfoManagerHelper.h"
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "velquin/MainQueue.h"
 #include "velquin/NotificationCenter.h"
 

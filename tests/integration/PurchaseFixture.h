@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velquin/LocalStore.h"
 #include "SandboxFixture.h"
 #include "support/Await.h"
 #include "velquin/OVPurchase.h"

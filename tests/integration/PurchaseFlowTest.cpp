@@ -3,8 +3,9 @@
 #include <fstream>
 
 #include "PurchaseFixture.h"
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "purchases/OVDataCache.h"
+#include "purchases/OVPurchaseImpl.h"
 #include "store/StoreCrypto.h"
 #include "velquin/OVAnalytics.h"
 #include "velquin/Velquin.h"
@@ -18,7 +19,7 @@ using State = SKPaymentTransactionState;
 TEST_F(SandboxPurchase, ABoughtSubscriptionIsVerifiedFinishedAndReported) {
   ASSERT_TRUE(configureAndWait());
   // Start-up fetched the server's products into the cache.
-  auto& cache = Velquin::shared().purchases().dataCache();
+  auto& cache = OVPurchaseImpl::shared().dataCache();
   EXPECT_TRUE(eventually([&] { return cache.productIDs().size() == 2; }));
 
   auto bought = buy(kMonthly);
@@ -227,15 +228,21 @@ TEST_F(SandboxPurchase, ATamperedReceiptIsRefusedAndTheHostGetsTheEmptySubscribe
   EXPECT_TRUE(server->purchases(Velquin::shared().getAppUserId()).empty());
 }
 
+// Says the paywall was shown when the page is the sandbox's paywall.
+class AcceptingPresenter final : public PagePresenter {
+ public:
+  bool presentPaywall(const std::string& html, PaywallCompletion done) override {
+    done(html.find("Go premium") != std::string::npos, std::nullopt);
+    return true;
+  }
+  bool presentInAppMessage(const std::string&) override { return false; }
+};
+
 TEST_F(SandboxPurchase, ThePaywallNeedsAPresenter) {
   ASSERT_TRUE(configureAndWait());
   for (bool installed : {false, true}) {
     if (installed) {
-      Velquin::shared().purchases().setPaywallPresenter(
-          [](const std::string& html, OVPurchase::PaywallCompletion done) {
-            done(html.find("Go premium") != std::string::npos, std::nullopt);
-            return true;
-          });
+      Velquin::shared().setPagePresenter(std::make_shared<AcceptingPresenter>());
     }
     Await<std::pair<bool, std::string>> shown;
     Velquin::shared().loadPaywallToPurachase([&](bool ok, std::optional<std::string> message) {

@@ -10,9 +10,10 @@
 #include "SandboxFixture.h"
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "platform/SystemInfo.h"
 #include "purchases/OVDataCache.h"
+#include "purchases/OVPurchaseImpl.h"
 #include "support/Await.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/Velquin.h"
@@ -29,7 +30,7 @@ TEST_F(Startup, EachCallCarriesItsHeaders) {
   writeWorkingTokenFile();
   ASSERT_TRUE(configureAndWait());
   auto& sdk = Velquin::shared();
-  auto& network = sdk.purchases().networkManager();
+  auto& network = OVPurchaseImpl::shared().networkManager();
 
   Await<bool> rate, token, info, attribution, signature, message, subscriber, receipt;
   sdk.getCurrencyRate("EUR", [&](auto, auto) { rate.set(true); });
@@ -101,7 +102,7 @@ TEST_F(Startup, SubscriberAndConfigOnlyAfterInitAnswered) {
   EXPECT_EQ(server->calls("GetSubscriber")[0].request.value("app_user_id", ""),
             Velquin::shared().purchases().appUserId());
 
-  auto& cache = Velquin::shared().purchases().dataCache();
+  auto& cache = OVPurchaseImpl::shared().dataCache();
   EXPECT_EQ(cache.productIdsArray(),
             (std::vector<std::string>{"com.velquin.demo.monthly", "com.velquin.demo.yearly"}));
   EXPECT_FALSE(cache.paywallPage().value_or("").empty());
@@ -124,7 +125,7 @@ TEST_F(StartupWithInitDown, AFailedInitStillRunsTheChain) {
   // The tag is set, to the empty text, so later calls carry an empty header.
   EXPECT_EQ(OVUtils::shared().velquinSDkInit_tag(), "");
   EXPECT_EQ(server->calls("GetAppConfig")[0].experiment, "");
-  EXPECT_FALSE(Velquin::shared().purchases().dataCache().productIdsArray().value_or(
+  EXPECT_FALSE(OVPurchaseImpl::shared().dataCache().productIdsArray().value_or(
                    std::vector<std::string>{})
                    .empty());
 }
@@ -132,7 +133,7 @@ TEST_F(StartupWithInitDown, AFailedInitStillRunsTheChain) {
 TEST_F(Startup, AFailedAppConfigKeepsTheCache) {
   writeWorkingTokenFile();
   ASSERT_TRUE(configureAndWait());
-  auto& cache = Velquin::shared().purchases().dataCache();
+  auto& cache = OVPurchaseImpl::shared().dataCache();
   auto products = cache.productIdsArray();
   auto paywall = cache.paywallPage();
   ASSERT_TRUE(products && paywall);
@@ -156,7 +157,7 @@ void expectNoStartup(SandboxTest* test, sandbox::SandboxServer& server) {
   Velquin::shared().configure();
   std::this_thread::sleep_for(300ms);
   EXPECT_TRUE(server.calls().empty());
-  EXPECT_EQ(Velquin::shared().purchases().networkManager().appKey(), "");
+  EXPECT_EQ(OVPurchaseImpl::shared().networkManager().appKey(), "");
 }
 
 TEST_F(Startup, MissingTokenFileDoesNothing) { expectNoStartup(this, *server); }
@@ -175,7 +176,7 @@ TEST_F(Startup, UnreadableTokenFileDoesNothing) {
 
 TEST_F(Startup, NonTextAddressFallsBackToTheGateway) {
   env.writeTokenFile({{"access_token", "k"}}, {{"api_address", "<integer>443</integer>"}});
-  auto& network = Velquin::shared().purchases().networkManager();
+  auto& network = OVPurchaseImpl::shared().networkManager();
   EXPECT_EQ(network.serverUrl(), defaultGatewayAddress());
   EXPECT_EQ(network.app_id(), "");
 }

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "SubscriberRoot.pb.h"
-#include "facade/OVUtils.h"
-#include "velquin/Subscriber.h"
+#include "purchases/SubscriberConversion.h"
+#include "support/OVUtils.h"
 
 namespace velquin {
 namespace {
@@ -29,7 +29,7 @@ TEST(SubscriberModel, OnlyTheFirstEntitlementDecidesAndUpdatesTheFlag) {
   second->set_is_active(true);
   *reply.add_subscriptions() = subscription("monthly", 5, 1);
 
-  auto subscriber = OVSubscriber::fromReply(reply);
+  auto subscriber = subscriberFromReply(reply);
   EXPECT_FALSE(subscriber.isActive);
   EXPECT_FALSE(OVUtils::shared().isActive);
   EXPECT_EQ(subscriber.productId, "monthly");
@@ -46,7 +46,7 @@ TEST(SubscriberModel, NoEntitlementsMeansTheEmptySubscriberAndAnUntouchedFlag) {
   iap::Subscriber reply;
   *reply.add_subscriptions() = subscription("a", 5, 0);
   *reply.add_subscriptions() = subscription("b", 4, 0);
-  auto subscriber = OVSubscriber::fromReply(reply);
+  auto subscriber = subscriberFromReply(reply);
   EXPECT_TRUE(subscriber.ovSubscriptions.empty());
   EXPECT_FALSE(subscriber.isActive);
   EXPECT_EQ(subscriber.productId, "");
@@ -111,6 +111,17 @@ TEST(SubscriberModel, KeyedCodingIsStrict) {
   OVSubscriptionOriginalTransaction target{"kept", 7, 7};
   EXPECT_THROW(from_json(encodedOriginal, target), nlohmann::json::exception);
   EXPECT_EQ(target.originalTxid, "kept");  // nothing partly decoded
+}
+
+TEST(SubscriberModel, KeyedEncodingKeepsTheListedKeyOrder) {
+  EXPECT_EQ(nlohmann::ordered_json(OVEntitlement{"pro", 42, true, "monthly"}).dump(),
+            R"({"id":"pro","expireAt":42,"isActive":true,"productId":"monthly"})");
+  EXPECT_EQ(nlohmann::ordered_json(OVSubscriptionOriginalTransaction{"tx", 1, 2}).dump(),
+            R"({"originalTxid":"tx","startAt":1,"expireAt":2})");
+  auto decoded = nlohmann::ordered_json::parse(
+                     R"({"id":"a","expireAt":1,"isActive":false,"productId":"p"})")
+                     .get<OVEntitlement>();
+  EXPECT_EQ(decoded, (OVEntitlement{"a", 1, false, "p"}));
 }
 
 }  // namespace

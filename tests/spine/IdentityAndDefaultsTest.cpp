@@ -6,8 +6,8 @@
 #include <fstream>
 
 #include "analytics/OVDeviceInfoManager.h"
-#include "facade/OVUserDataManager.h"
-#include "facade/OVUtils.h"
+#include "purchases/OVUserDataManager.h"
+#include "support/OVUtils.h"
 #include "platform/Keychain.h"
 #include "platform/UserDefaults.h"
 #include "purchases/OVDataCache.h"

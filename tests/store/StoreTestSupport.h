@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/TempEnvironment.h"
+#include "velquin/LocalStore.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin::testing {

@@ -1,7 +1,5 @@
 #include "Cli.h"
 
-#include <google/protobuf/util/json_util.h>
-
 #include <algorithm>
 
 namespace velquin::cli {
@@ -36,7 +34,9 @@ std::optional<std::string> Arguments::option(const std::string& flag) const {
   return it->second;
 }
 
-bool Arguments::has(const std::string& flag) const { return options_.count(flag) > 0; }
+bool Arguments::has(const std::string& flag) const {
+  return options_.count(flag) > 0;
+}
 
 Outcome timedOut(const std::string& what) {
   return failure(what + " did not answer in time", 2);
@@ -46,15 +46,22 @@ nlohmann::json errorJson(const Error& error) {
   return {{"error", {{"domain", error.domain}, {"code", error.code}, {"message", error.message}}}};
 }
 
-nlohmann::json messageJson(const google::protobuf::Message& message) {
-  std::string text;
-  google::protobuf::util::JsonPrintOptions options;
-  options.preserve_proto_field_names = true;
-  options.always_print_primitive_fields = true;
-  if (!google::protobuf::util::MessageToJsonString(message, &text, options).ok()) {
-    return nlohmann::json::object();
-  }
-  return nlohmann::json::parse(text, nullptr, false);
+nlohmann::json attributionJson(const OVAttribution& reply) {
+  return {{"app_id", reply.appId},
+          {"advertiser_id", reply.advertiserId},
+          {"app_user_id", reply.appUserId},
+          {"attribution_source", reply.attributionSource},
+          {"acquisition_source", reply.acquisitionSource},
+          {"acquisition_campaign", reply.acquisitionCampaign},
+          {"acquisition_lander", reply.acquisitionLander},
+          {"acquisition_country", reply.acquisitionCountry},
+          {"acquisition_var1", reply.acquisitionVar1},
+          {"acquisition_var2", reply.acquisitionVar2},
+          {"acquisition_var3", reply.acquisitionVar3},
+          {"ad_event_id", reply.adEventId},
+          {"tracker_id", reply.trackerId},
+          // 64-bit numbers as text, as the backend's JSON mapping writes them.
+          {"click_time", std::to_string(reply.clickTime)}};
 }
 
 }  // namespace velquin::cli

@@ -13,9 +13,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include <google/protobuf/message.h>
-
 #include "velquin/Error.h"
+#include "velquin/Models.h"
 
 namespace velquin::cli {
 
@@ -92,6 +91,7 @@ std::vector<Command> purchaseCommands();
 Outcome timedOut(const std::string& what);
 nlohmann::json errorJson(const Error& error);
 // A protobuf message as JSON with its schema's field names.
-nlohmann::json messageJson(const google::protobuf::Message& message);
+// The attribution answer under the backend's field names.
+nlohmann::json attributionJson(const OVAttribution& reply);
 
 }  // namespace velquin::cli

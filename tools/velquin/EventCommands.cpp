@@ -6,9 +6,6 @@
 #include <thread>
 
 #include "Cli.h"
-#include "analytics/OVDeviceInfoManagerHelper.h"
-#include "delivery/OVRequestCache.h"
-#include "delivery/OVRequestManager.h"
 #include "velquin/OVAnalytics.h"
 #include "velquin/Velquin.h"
 
@@ -25,8 +22,8 @@ std::chrono::milliseconds seconds(const Arguments& args, double fallback) {
 // Events go out once start-up has handed the app key to the event client
 // (after Init answered); until then they wait in the cache.
 bool waitForCredentials(Clock::time_point until) {
-  auto& helper = OVDeviceInfoManagerHelper::sharedManager();
-  while (helper.appKey().empty()) {
+  auto& analytics = Velquin::shared().analytics();
+  while (!analytics.canSendEvents()) {
     if (Clock::now() >= until) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
@@ -34,7 +31,7 @@ bool waitForCredentials(Clock::time_point until) {
 }
 
 std::int64_t cachedRows(const std::optional<std::string>& requestId = std::nullopt) {
-  return OVRequestCache::shared().rowCount(requestId);
+  return Velquin::shared().analytics().cachedEventCount(requestId);
 }
 
 // Polls until `done` or the time runs out; true when done.
@@ -52,15 +49,13 @@ bool waitUntil(Clock::time_point until, Done done) {
 // falls idle the cache is uploaded again (the SDK's own timer would do the
 // same every 60 s).
 bool drainCache(Clock::time_point until) {
-  auto& manager = OVRequestManager::shared();
+  auto& analytics = Velquin::shared().analytics();
   auto lastUpload = Clock::now();
   for (;;) {
     if (cachedRows() == 0) return true;
     if (Clock::now() >= until) return false;
-    manager.drainQueue();
-    if (manager.inFlight() == 0 && manager.queued() == 0 &&
-        Clock::now() - lastUpload > std::chrono::milliseconds(500)) {
-      manager.uploadCacheData();
+    if (analytics.isDeliveryIdle() && Clock::now() - lastUpload > std::chrono::milliseconds(500)) {
+      analytics.uploadCachedEvents();
       lastUpload = Clock::now();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -83,12 +78,13 @@ Outcome track(const Context&, const std::vector<std::string>& words) {
   if (args.positional().empty() || args.positional().size() > 2) {
     return failure("usage: track NAME [PARAMS_JSON] [--wait SECONDS]");
   }
-  auto params = nlohmann::json::parse(
-      args.positional().size() == 2 ? args.positional()[1] : "{}", nullptr, false);
+  auto params = nlohmann::json::parse(args.positional().size() == 2 ? args.positional()[1] : "{}",
+                                      nullptr, false);
   if (!params.is_object()) return failure("PARAMS_JSON must be a JSON object");
   auto until = Clock::now() + seconds(args, 30);
   waitForCredentials(until);
-  std::string id = Velquin::shared().analytics().uploadBigDataWithEvent(args.positional()[0], params);
+  std::string id =
+      Velquin::shared().analytics().uploadBigDataWithEvent(args.positional()[0], params);
   bool delivered = waitUntil(until, [&] { return cachedRows(id) == 0; });
   return Outcome{{{"requestId", id}, {"event", args.positional()[0]}, {"delivered", delivered}},
                  std::nullopt};
@@ -101,7 +97,7 @@ Outcome flush(const Context&, const std::vector<std::string>& words) {
   auto started = Clock::now();
   bool haveKey = waitForCredentials(until);
   if (haveKey) {
-    OVRequestManager::shared().uploadCacheData();
+    Velquin::shared().analytics().uploadCachedEvents();
     drainCache(until);
   }
   double elapsed = std::chrono::duration<double>(Clock::now() - started).count();

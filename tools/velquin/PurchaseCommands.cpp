@@ -1,14 +1,15 @@
 // Products, purchases, restores and the subscriber.
 #include "PurchaseCommands.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <algorithm>
 #include <memory>
 #include <thread>
 
 #include "Cli.h"
 #include "velquin/Bundle.h"
+#include "velquin/LocalStore.h"
 #include "velquin/MainQueue.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/StoreKit.h"
@@ -34,10 +35,18 @@ nlohmann::json periodJson(const std::optional<SKProductSubscriptionPeriod>& peri
   if (!period) return nullptr;
   const char* unit = "M";
   switch (period->unit) {
-    case SKProductPeriodUnit::day: unit = "D"; break;
-    case SKProductPeriodUnit::week: unit = "W"; break;
-    case SKProductPeriodUnit::month: unit = "M"; break;
-    case SKProductPeriodUnit::year: unit = "Y"; break;
+    case SKProductPeriodUnit::day:
+      unit = "D";
+      break;
+    case SKProductPeriodUnit::week:
+      unit = "W";
+      break;
+    case SKProductPeriodUnit::month:
+      unit = "M";
+      break;
+    case SKProductPeriodUnit::year:
+      unit = "Y";
+      break;
   }
   return "P" + std::to_string(period->numberOfUnits) + unit;  // ISO 8601 duration
 }
@@ -52,11 +61,16 @@ nlohmann::json productJson(const SKProduct& product) {
 
 const char* stateName(SKPaymentTransactionState state) {
   switch (state) {
-    case SKPaymentTransactionState::purchasing: return "purchasing";
-    case SKPaymentTransactionState::purchased: return "purchased";
-    case SKPaymentTransactionState::failed: return "failed";
-    case SKPaymentTransactionState::restored: return "restored";
-    case SKPaymentTransactionState::deferred: return "deferred";
+    case SKPaymentTransactionState::purchasing:
+      return "purchasing";
+    case SKPaymentTransactionState::purchased:
+      return "purchased";
+    case SKPaymentTransactionState::failed:
+      return "failed";
+    case SKPaymentTransactionState::restored:
+      return "restored";
+    case SKPaymentTransactionState::deferred:
+      return "deferred";
   }
   return "unknown";
 }
@@ -101,8 +115,8 @@ std::shared_ptr<LocalStore> localStore() {
 // The store products of `ids`, or the error the store gave.
 std::pair<std::map<std::string, SKProductPtr>, std::optional<Outcome>> fetchProducts(
     const std::set<std::string>& ids, const Context& context) {
-  auto pending = std::make_shared<Pending<std::pair<std::map<std::string, SKProductPtr>,
-                                                    std::optional<Error>>>>();
+  auto pending = std::make_shared<
+      Pending<std::pair<std::map<std::string, SKProductPtr>, std::optional<Error>>>>();
   Velquin::shared().getSkuDetails(
       ids, [pending](std::optional<std::map<std::string, SKProductPtr>> products,
                      std::optional<Error> error) {
@@ -157,8 +171,8 @@ class DeferredWatcher final : public SKPaymentTransactionObserver {
     for (const auto& transaction : transactions) {
       if (transaction->transactionState == SKPaymentTransactionState::deferred &&
           transaction->payment.productIdentifier() == productId_) {
-        pending_->set({{{"transaction", transactionJson(transaction)}, {"deferred", true}},
-                       std::nullopt});
+        pending_->set(
+            {{{"transaction", transactionJson(transaction)}, {"deferred", true}}, std::nullopt});
       }
     }
   }
@@ -191,11 +205,10 @@ Outcome products(const Context& context, const std::vector<std::string>& words) 
 Outcome productIds(const Context& context, const std::vector<std::string>& words) {
   if (!words.empty()) return failure("usage: product-ids");
   auto pending = std::make_shared<Pending<Reply>>();
-  Velquin::shared().getPurchaseProductIds(
-      [pending](std::optional<std::vector<std::string>> ids, std::optional<Error> error) {
-        pending->set({{{"productIds", ids.value_or(std::vector<std::string>{})}},
-                      std::move(error)});
-      });
+  Velquin::shared().getPurchaseProductIds([pending](std::optional<std::vector<std::string>> ids,
+                                                    std::optional<Error> error) {
+    pending->set({{{"productIds", ids.value_or(std::vector<std::string>{})}}, std::move(error)});
+  });
   return await(pending, context, "GetAppConfig");
 }
 
@@ -203,7 +216,8 @@ Outcome purchase(const Context& context, const std::vector<std::string>& words) 
   Arguments args(words, {"--offer", "--outcome"});
   if (args.problem()) return failure(*args.problem());
   if (args.positional().size() != 1) {
-    return failure("usage: purchase ID [--offer OFFER_ID] [--outcome success|cancel|fail|defer|ask]");
+    return failure(
+        "usage: purchase ID [--offer OFFER_ID] [--outcome success|cancel|fail|defer|ask]");
   }
   const std::string& id = args.positional()[0];
   if (auto name = args.option("--outcome")) {
@@ -226,13 +240,13 @@ Outcome purchase(const Context& context, const std::vector<std::string>& words) 
     // The backend signs the offer for this user; the payment names the same
     // user so the store can check the signature.
     std::string user = sdk.purchases().appUserId();
-    auto signature = std::make_shared<Pending<std::pair<std::optional<OVOfferSignatureDetail>,
-                                                        std::optional<Error>>>>();
-    sdk.createASignature(id, *offer, user,
-                         [signature](std::optional<OVOfferSignatureDetail> detail,
-                                     std::optional<Error> error) {
-                           signature->set({std::move(detail), std::move(error)});
-                         });
+    auto signature = std::make_shared<
+        Pending<std::pair<std::optional<OVOfferSignatureDetail>, std::optional<Error>>>>();
+    sdk.createASignature(
+        id, *offer, user,
+        [signature](std::optional<OVOfferSignatureDetail> detail, std::optional<Error> error) {
+          signature->set({std::move(detail), std::move(error)});
+        });
     auto signed_ = signature->wait(context.timeout);
     if (!signed_) return timedOut("GeneratePromotionalOfferSignature");
     if (signed_->second || !signed_->first) {
@@ -276,9 +290,10 @@ Outcome purchaseFetchReceipt(const Context& context, const std::vector<std::stri
 Outcome restore(const Context& context, const std::vector<std::string>& words) {
   if (!words.empty()) return failure("usage: restore");
   auto pending = std::make_shared<Pending<Reply>>();
-  Velquin::shared().restorePurchases([pending](OVSubscriber subscriber, std::optional<Error> error) {
-    pending->set({{{"subscriber", subscriberJson(subscriber)}}, std::move(error)});
-  });
+  Velquin::shared().restorePurchases(
+      [pending](OVSubscriber subscriber, std::optional<Error> error) {
+        pending->set({{{"subscriber", subscriberJson(subscriber)}}, std::move(error)});
+      });
   return await(pending, context, "the restore");
 }
 
@@ -312,8 +327,7 @@ Outcome isActive(const Context& context, const std::vector<std::string>& words) 
 class PromotionObserver final : public OVPromotingObserverProtocol {
  public:
   explicit PromotionObserver(SharedReply purchase) : purchase_(std::move(purchase)) {}
-  void ovPromotingAddStorePaymentWithStatus(OVPromotingInAppPurchaseStatus status,
-                                            const SKPayment&,
+  void ovPromotingAddStorePaymentWithStatus(OVPromotingInAppPurchaseStatus status, const SKPayment&,
                                             const SKProductPtr& product) override {
     told_.set(static_cast<int>(status));
     if (status != OVPromotingInAppPurchaseStatus::proceed && product) {
@@ -380,9 +394,10 @@ Outcome receiptKey(const Context&, const std::vector<std::string>& words) {
   Error error;
   auto pem = store->receiptPublicKeyPem(&error);
   if (!pem) return Outcome{{}, error};
-  return Outcome{{{"file", (Bundle::main().dataDirectory() / "StoreKit" / "receipt-public-key.pem").string()},
-                  {"publicKeyPem", *pem}},
-                 std::nullopt};
+  return Outcome{
+      {{"file", (Bundle::main().dataDirectory() / "StoreKit" / "receipt-public-key.pem").string()},
+       {"publicKeyPem", *pem}},
+      std::nullopt};
 }
 
 }  // namespace
@@ -459,13 +474,12 @@ std::vector<Command> purchaseCommands() {
       {"product-ids", "", "the product ids configured on the server", true, productIds},
       {"purchase", "ID [--offer OFFER_ID] [--outcome success|cancel|fail|defer|ask]",
        "buy a product (with a promotional offer signed by the backend)", true, purchase},
-      {"purchase-fetch-receipt", "ID", "buy a product, print the receipt size and finish",
-       true, purchaseFetchReceipt},
+      {"purchase-fetch-receipt", "ID", "buy a product, print the receipt size and finish", true,
+       purchaseFetchReceipt},
       {"restore", "", "restore purchases and print the subscriber", true, restore},
       {"subscriber", "", "the backend's subscriber for this user", true, subscriber},
       {"is-active", "", "whether the user holds an active entitlement", true, isActive},
-      {"promote", "ID [--status 0|1|2]", "a purchase started from the store front", true,
-       promote},
+      {"promote", "ID [--status 0|1|2]", "a purchase started from the store front", true, promote},
       {"receipt-key", "", "the local store's receipt public key (made on first use)", false,
        receiptKey},
   };

@@ -1,8 +1,5 @@
 // Start-up, identity and the direct backend calls.
-#include "AttributionRoot.pb.h"
 #include "Cli.h"
-#include "facade/OVUtils.h"
-#include "purchases/OVDataCache.h"
 #include "velquin/NotificationCenter.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/Velquin.h"
@@ -27,9 +24,8 @@ std::function<void(bool, std::optional<Error>)> successInto(Pending<Reply>& pend
 }
 
 Velquin::AttributionCompletion attributionInto(Pending<Reply>& pending) {
-  return [&pending](std::optional<attribution::GetAttributionResponse> reply,
-                    std::optional<Error> error) {
-    pending.set({reply ? messageJson(*reply) : nlohmann::json::object(), std::move(error)});
+  return [&pending](std::optional<OVAttribution> reply, std::optional<Error> error) {
+    pending.set({reply ? attributionJson(*reply) : nlohmann::json::object(), std::move(error)});
   };
 }
 
@@ -43,20 +39,19 @@ Outcome configure(const Context&, const std::vector<std::string>& words) {
   auto token = NotificationCenter::defaultCenter().addObserver(
       OVPurchase::kAppConfigHandledNotification, [&](const Notification&) { handled.set(true); });
   sdk.configure();
-  bool done = handled
-                  .wait(std::chrono::milliseconds(static_cast<long long>(waitSeconds * 1000)))
+  bool done = handled.wait(std::chrono::milliseconds(static_cast<long long>(waitSeconds * 1000)))
                   .has_value();
   NotificationCenter::defaultCenter().removeObserver(token);
 
-  auto& cache = sdk.purchases().dataCache();
-  auto tag = OVUtils::shared().velquinSDkInit_tag();
-  auto paywall = cache.paywallPage();
-  auto welcome = cache.welcomePage();
+  auto& purchases = sdk.purchases();
+  auto tag = sdk.experimentTag();
+  auto paywall = purchases.cachedPaywallPage();
+  auto welcome = purchases.cachedWelcomePage();
   Outcome outcome;
   outcome.result = {
       {"userId", sdk.purchases().appUserId()},
       {"tag", tag ? nlohmann::json(*tag) : nlohmann::json(nullptr)},
-      {"productIds", cache.productIdsArray().value_or(std::vector<std::string>{})},
+      {"productIds", purchases.cachedProductIds().value_or(std::vector<std::string>{})},
       {"hasPaywall", paywall && !paywall->empty()},
       {"hasWelcomePage", welcome && !welcome->empty()},
       {"appConfigHandled", done},
@@ -71,11 +66,11 @@ Outcome userId(const Context&, const std::vector<std::string>&) {
 Outcome currencyRate(const Context& context, const std::vector<std::string>& words) {
   if (words.size() != 1) return failure("usage: currency-rate CODE");
   Pending<Reply> pending;
-  Velquin::shared().getCurrencyRate(words[0], [&](std::optional<double> rate,
-                                                  std::optional<Error> error) {
-    pending.set({{{"currencyCode", words[0]}, {"currencyRate", rate.value_or(0)}},
-                 std::move(error)});
-  });
+  Velquin::shared().getCurrencyRate(
+      words[0], [&](std::optional<double> rate, std::optional<Error> error) {
+        pending.set(
+            {{{"currencyCode", words[0]}, {"currencyRate", rate.value_or(0)}}, std::move(error)});
+      });
   return await(pending, context, "GetCurrencyRate");
 }
 
@@ -167,8 +162,7 @@ std::vector<Command> spineCommands() {
        true, userInfo},
       {"attribution", "NETWORK_NUMBER DATA_JSON [--network-user-id X]",
        "upload attribution data for a network (0 adjust ... 5 custom)", true, attribution},
-      {"custom-attribution",
-       "CHANNEL [--campaign C] [--ad-group G] [--creative R] [--click-id K]",
+      {"custom-attribution", "CHANNEL [--campaign C] [--ad-group G] [--creative R] [--click-id K]",
        "upload custom attribution", true, customAttribution},
   };
 }

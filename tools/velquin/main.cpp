@@ -9,7 +9,6 @@
 
 #include "Cli.h"
 #include "PurchaseCommands.h"
-#include "facade/OVUtils.h"
 #include "velquin/Bundle.h"
 #include "velquin/Velquin.h"
 
@@ -19,8 +18,8 @@ using velquin::cli::Command;
 
 std::vector<Command> allCommands() {
   std::vector<Command> commands;
-  for (auto area : {velquin::cli::spineCommands, velquin::cli::eventCommands,
-                    velquin::cli::purchaseCommands}) {
+  for (auto area :
+       {velquin::cli::spineCommands, velquin::cli::eventCommands, velquin::cli::purchaseCommands}) {
     auto more = area();
     commands.insert(commands.end(), more.begin(), more.end());
   }
@@ -97,8 +96,8 @@ int main(int argc, char** argv) {
       finish(velquin::cli::errorJson(*problem), 1);
     }
     // Switched on before the SDK exists so start-up's own lines show too.
-    velquin::OVUtils::enableLogs(log);
     auto& sdk = velquin::Velquin::shared();
+    sdk.setPurchasesLogs(log);
     sdk.setAnalyticsLogs(!log);  // the delivery switch is stored inverted
     if (command.needsConfigure) sdk.configure();
     velquin::cli::Outcome outcome;

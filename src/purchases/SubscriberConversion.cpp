@@ -1,7 +1,6 @@
-#include "velquin/Subscriber.h"
+#include "purchases/SubscriberConversion.h"
 
-#include "SubscriberRoot.pb.h"
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 
 namespace velquin {
 
@@ -34,7 +33,7 @@ OVSubscription subscriptionFromReply(const iap::Subscription& reply) {
   return subscription;
 }
 
-OVSubscriber OVSubscriber::fromReply(const iap::Subscriber& reply) {
+OVSubscriber subscriberFromReply(const iap::Subscriber& reply) {
   OVSubscriber subscriber;
   // Without entitlements the subscriptions are not read at all.
   if (reply.entitlements().empty()) return subscriber;
@@ -51,51 +50,6 @@ OVSubscriber OVSubscriber::fromReply(const iap::Subscriber& reply) {
     subscriber.ovSubscriptions.push_back(subscriptionFromReply(subscription));
   }
   return subscriber;
-}
-
-void to_json(nlohmann::json& json, const OVEntitlement& value) {
-  json = nlohmann::json{{"id", value.id},
-                        {"expireAt", value.expireAt},
-                        {"isActive", value.isActive},
-                        {"productId", value.productId}};
-}
-
-namespace {
-// Reads `key` with exactly the JSON type of T; anything else throws.
-template <class T>
-T strict(const nlohmann::json& json, const char* key) {
-  const auto& value = json.at(key);
-  if constexpr (std::is_same_v<T, bool>) {
-    if (!value.is_boolean()) throw nlohmann::json::type_error::create(302, std::string(key) + " is not a boolean", &value);
-  } else if constexpr (std::is_integral_v<T>) {
-    if (!value.is_number_integer()) throw nlohmann::json::type_error::create(302, std::string(key) + " is not an integer", &value);
-  } else {
-    if (!value.is_string()) throw nlohmann::json::type_error::create(302, std::string(key) + " is not a string", &value);
-  }
-  return value.get<T>();
-}
-}  // namespace
-
-void from_json(const nlohmann::json& json, OVEntitlement& value) {
-  OVEntitlement decoded;
-  decoded.id = strict<std::string>(json, "id");
-  decoded.expireAt = strict<std::int64_t>(json, "expireAt");
-  decoded.isActive = strict<bool>(json, "isActive");
-  decoded.productId = strict<std::string>(json, "productId");
-  value = std::move(decoded);  // nothing partly decoded survives a failure
-}
-
-void to_json(nlohmann::json& json, const OVSubscriptionOriginalTransaction& value) {
-  json = nlohmann::json{
-      {"originalTxid", value.originalTxid}, {"startAt", value.startAt}, {"expireAt", value.expireAt}};
-}
-
-void from_json(const nlohmann::json& json, OVSubscriptionOriginalTransaction& value) {
-  OVSubscriptionOriginalTransaction decoded;
-  decoded.originalTxid = strict<std::string>(json, "originalTxid");
-  decoded.startAt = strict<std::int64_t>(json, "startAt");
-  decoded.expireAt = strict<std::int64_t>(json, "expireAt");
-  value = std::move(decoded);
 }
 
 }  // namespace velquin

@@ -1,8 +1,7 @@
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 
 #include <ctime>
 
-#include "analytics/OVDeviceInfoManagerHelper.h"
 #include "support/Console.h"
 
 namespace velquin {
@@ -18,11 +17,18 @@ std::optional<std::string> OVUtils::velquinSDkInit_tag() const {
 }
 
 void OVUtils::setVelquinSDkInit_tag(const std::string& tag) {
+  TagListener listener;
   {
     std::lock_guard lock(tagMutex_);
     tag_ = tag;
+    listener = tagListener_;
   }
-  OVDeviceInfoManagerHelper::sharedManager().setTag(tag);
+  if (listener) listener(tag);  // outside the lock: the listener takes its own
+}
+
+void OVUtils::setTagListener(TagListener listener) {
+  std::lock_guard lock(tagMutex_);
+  tagListener_ = std::move(listener);
 }
 
 void log(std::string_view message) {

@@ -1,7 +1,7 @@
-#include "facade/OVUserDataManager.h"
+#include "purchases/OVUserDataManager.h"
 
 #include "analytics/OVDeviceInfoManager.h"
-#include "facade/OVUtils.h"
+#include "support/OVUtils.h"
 #include "platform/UserDefaults.h"
 #include "support/Uuid.h"
 

@@ -1,0 +1,26 @@
+// The seam through which the core shows pages: a GTK host installs one
+// through libvelquin-gtk (velquin::gtk::install()); a headless host has
+// none, and the paywall then answers (false, "paywall show failed").
+//
+// Ownership and threads: installed with Velquin::setPagePresenter and held
+// by the core for the process. Every call comes on the main queue.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace velquin {
+
+class PagePresenter {
+ public:
+  virtual ~PagePresenter() = default;
+  using PaywallCompletion = std::function<void(bool shown, std::optional<std::string> message)>;
+  // Shows the paywall page; false when it cannot (no active host window).
+  // When it returns true the completion is called later exactly once.
+  virtual bool presentPaywall(const std::string& html, PaywallCompletion completion) = 0;
+  // Shows an in-app message page; false when no host window is active.
+  virtual bool presentInAppMessage(const std::string& html) = 0;
+};
+
+}  // namespace velquin

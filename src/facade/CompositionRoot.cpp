@@ -1,0 +1,116 @@
+// The composition root: the one place that knows every layer. It creates
+// the system's process-wide objects of the lower layers on first use and
+// wires what each needs from above: the event client's app key and tag,
+// the delivery's device facts, reachability and log switch, and the tag
+// listener of the process flags.
+//
+// Every object made here lives for the process and is never torn down.
+#include <ctime>
+#include <mutex>
+
+#include "analytics/OVDeviceInfoManager.h"
+#include "analytics/OVDeviceInfoManagerHelper.h"
+#include "backend/AppToken.h"
+#include "backend/GRPCserviceManager.h"
+#include "delivery/OVRequestCache.h"
+#include "delivery/OVRequestManager.h"
+#include "delivery/ZKFMDB.h"
+#include "facade/CompositionRoot.h"
+#include "purchases/OVPurchaseImpl.h"
+#include "support/OVUtils.h"
+#include "velquin/Bundle.h"
+#include "velquin/OVAnalytics.h"
+#include "velquin/Velquin.h"
+
+namespace velquin {
+
+void wireProcessFlags() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // Each new experiment tag also goes into the event calls' headers.
+    OVUtils::shared().setTagListener(
+        [](const std::string& tag) { OVDeviceInfoManagerHelper::sharedManager().setTag(tag); });
+  });
+}
+
+OVRequestCache& OVRequestCache::shared() {
+  static OVRequestCache* cache = [] {  // lives for the process
+    auto* created = new OVRequestCache(ZKFMDB::shareDatabase());
+    // Ids are "seconds since 1970 + request counter". Rows left by an
+    // earlier run may carry ids past the current second; start the counter
+    // beyond them so a new event never shares an id with a cached one (a
+    // delivered event deletes its row by id).
+    if (auto largest = created->largestRequestId()) {
+      auto now = static_cast<std::int64_t>(std::time(nullptr));
+      auto& counter = OVDeviceInfoManager::shared().num;
+      std::int64_t floor = *largest - now;
+      std::int64_t current = counter.load();
+      while (floor > current && !counter.compare_exchange_weak(current, floor)) {
+      }
+    }
+    return created;
+  }();
+  return *cache;
+}
+
+std::shared_ptr<OVRequestManager> OVRequestManager::sharedPointer() {
+  static auto* instance = new std::shared_ptr<OVRequestManager>([] {  // lives for the process
+    wireProcessFlags();
+    AppToken token = AppToken::load(Bundle::main());
+    Options options;
+    options.host = token.apiAddress.value_or(defaultGatewayAddress());
+    options.rootCertificates = token.rootCertificates.value_or("");
+    options.cache = &OVRequestCache::shared();
+    options.isReachable = [] { return OVDeviceInfoManager::shared().objcHelper().isReachable(); };
+    options.hasCredentials = [] {
+      return !OVDeviceInfoManagerHelper::sharedManager().appKey().empty();
+    };
+    options.deviceFacts = [] { return OVDeviceInfoManager::shared().deviceFacts(); };
+    options.identity = [] {
+      auto& info = OVDeviceInfoManager::shared();
+      return EventIdentity{info.deviceIdentifier(),
+                           info.advertisingIdentifier().value_or(info.idfa()), "", ""};
+    };
+    options.headers = [] {
+      auto& helper = OVDeviceInfoManagerHelper::sharedManager();
+      return EventHeaders{helper.appKey(), helper.tag()};
+    };
+    options.logEnabled = [] { return OVDeviceInfoManager::shared().log.load(); };
+    return create(std::move(options));
+  }());
+  return *instance;
+}
+
+OVRequestManager& OVRequestManager::shared() {
+  return *sharedPointer();
+}
+
+namespace {
+
+// The orchestrator's analytics: the facade's OVAnalytics, reached when the
+// orchestrator first reports (after Init answered), by which time the
+// facade exists.
+class FacadeAnalytics final : public AnalyticsSink {
+ public:
+  void startAnalytics() override { Velquin::shared().analytics().registerBigDataWitInfoPlist(); }
+  void recordPurchase(const nlohmann::json& params) override {
+    Velquin::shared().analytics().uploadBigDataWithType(EventType::inAppPurchase, params);
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<OVPurchaseImpl> OVPurchaseImpl::sharedPointer() {
+  // Kept for the process; callbacks hold it weakly all the same.
+  static auto* instance = [] {
+    wireProcessFlags();
+    return new std::shared_ptr<OVPurchaseImpl>(create(std::make_shared<FacadeAnalytics>()));
+  }();
+  return *instance;
+}
+
+OVPurchaseImpl& OVPurchaseImpl::shared() {
+  return *sharedPointer();
+}
+
+}  // namespace velquin
