@@ -97,7 +97,7 @@ class OVPurchase {
   void configureSDK(const std::string& appKey);
 
   void enableLog(bool enabled);
-  // True when the store receipt location ends in "sandboxReceipt".
+  // True when the installed store's receipt location ends in "sandboxReceipt".
   bool isSandbox() const;
 
   // ---- Purchases. Completions of successful transactions run on a gRPC

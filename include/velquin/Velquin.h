@@ -27,6 +27,7 @@
 #include "velquin/Models.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/PagePresenter.h"
+#include "velquin/Providers.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin {
@@ -109,9 +110,16 @@ class Velquin {
       OVPromotingInAppPurchaseStatus status,
       const std::shared_ptr<OVPromotingObserverProtocol>& observer);
 
+  // ---- Host-replaceable providers (see velquin/Providers.h; the store
+  // backend is installed with StoreKit::install).
+
   // Installs the page presenter that shows the paywall and in-app
   // messages (velquin::gtk::install() does this for GTK hosts).
   void setPagePresenter(std::shared_ptr<PagePresenter> presenter);
+  void setAdvertisingIdProvider(AdvertisingIdProvider provider);
+  void setCarrierProvider(CarrierProvider provider);
+  // The main screen, as the host's toolkit reports it.
+  void setScreen(const ScreenFacts& screen);
 
   // The delay, in seconds, before an in-app message is shown after the app
   // comes back from the background. Only stored for now.

@@ -8,7 +8,7 @@
 #include "delivery/EventEnvelope.h"
 #include "delivery/OVRequestCache.h"
 #include "delivery/OVRequestManager.h"
-#include "platform/UserDefaults.h"
+#include "platform/Env.h"
 #include "support/OVCFunctionToolHelper.h"
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
@@ -94,6 +94,7 @@ std::string OVAnalytics::uploadBigDataWithEvent(const std::optional<std::string>
 void OVAnalytics::registerBigDataWitInfoPlist() {
   auto token = AppToken::load(Bundle::main()).accessToken;
   if (!token) return;
+  OVDeviceInfoManager::shared().setAppKey(*token);
   OVDeviceInfoManagerHelper::sharedManager().setNewAppKey(*token);
   MainQueue::shared().after(std::chrono::milliseconds(5000), [this] { runDeferredStart(); });
 }
@@ -101,7 +102,7 @@ void OVAnalytics::registerBigDataWitInfoPlist() {
 void OVAnalytics::runDeferredStart() {
   auto& manager = OVRequestManager::shared();
   manager.uploadCacheData();
-  auto& defaults = platform::UserDefaults::standard();
+  auto& defaults = platform::Env::standard().userDefaults();
   if (!defaults.boolForKey(kFirstOpenKey)) {
     defaults.setBool(kFirstOpenKey, true);
     uploadBigDataWithType(EventType::firstOpen);

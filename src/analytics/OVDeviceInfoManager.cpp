@@ -1,9 +1,6 @@
 #include "analytics/OVDeviceInfoManager.h"
 
 #include <curl/curl.h>
-#include <openssl/evp.h>
-#include <systemd/sd-id128.h>
-#include <uuid/uuid.h>
 
 #include <array>
 #include <chrono>
@@ -11,10 +8,9 @@
 
 #include "analytics/OVDeviceInfoManagerHelper.h"
 #include "backend/AppToken.h"
-#include "support/OVUtils.h"
-#include "platform/Keychain.h"
-#include "platform/SystemInfo.h"
+#include "platform/Env.h"
 #include "support/Console.h"
+#include "support/OVUtils.h"
 #include "velquin/Bundle.h"
 
 namespace velquin {
@@ -46,27 +42,29 @@ int checkStop(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 OVDeviceInfoManager& OVDeviceInfoManager::shared() {
   static OVDeviceInfoManager* manager = [] {  // lives for the process
     auto* created =
-        new OVDeviceInfoManager(platform::Keychain::standard(), Bundle::main().bundleIdentifier());
+        new OVDeviceInfoManager(platform::Env::standard(), Bundle::main().bundleIdentifier());
     created->startPublicAddressLookup(AppToken::load(Bundle::main()).ipLookupAddress);
     return created;
   }();
   return *manager;
 }
 
-OVDeviceInfoManager::OVDeviceInfoManager(platform::Keychain& keychain,
-                                         std::string bundleIdentifier)
-    : OVDeviceInfoManager(keychain, std::move(bundleIdentifier), vendorIdentifier) {}
-
-OVDeviceInfoManager::OVDeviceInfoManager(platform::Keychain& keychain,
-                                         std::string bundleIdentifier,
-                                         VendorIdSource vendorIdSource)
-    : keychain_(keychain),
-      bundleIdentifier_(std::move(bundleIdentifier)),
-      vendorIdSource_(std::move(vendorIdSource)) {}
+OVDeviceInfoManager::OVDeviceInfoManager(platform::Env& env, std::string bundleIdentifier)
+    : env_(env), bundleIdentifier_(std::move(bundleIdentifier)) {}
 
 OVDeviceInfoManager::~OVDeviceInfoManager() {
   stopLookup_ = true;
   waitForPublicAddressLookup();
+}
+
+std::string OVDeviceInfoManager::appKey() const {
+  std::lock_guard lock(mutex_);
+  return appKey_;
+}
+
+void OVDeviceInfoManager::setAppKey(const std::string& appKey) {
+  std::lock_guard lock(mutex_);
+  appKey_ = appKey;
 }
 
 std::string OVDeviceInfoManager::appsflyer_device_id() const {
@@ -79,7 +77,9 @@ void OVDeviceInfoManager::setAppsflyer_device_id(const std::string& id) {
   appsflyerDeviceId_ = id;
 }
 
-std::string OVDeviceInfoManager::ipAddress() const { return platform::firstIPv4Address(); }
+std::string OVDeviceInfoManager::ipAddress() const {
+  return env_.firstIPv4Address();
+}
 
 OVDeviceInfoManagerHelper& OVDeviceInfoManager::objcHelper() const {
   return OVDeviceInfoManagerHelper::sharedManager();
@@ -93,16 +93,16 @@ double OVDeviceInfoManager::getCurrentMSimestamp() {
 DeviceFacts OVDeviceInfoManager::deviceFacts() const {
   DeviceFacts facts;
   const Bundle& bundle = Bundle::main();
-  facts.osVersion = platform::osVersion();
+  facts.osVersion = env_.osVersion();
   facts.packageName = bundle.bundleIdentifier();
   facts.packageVersion = bundle.shortVersionString();
   facts.packageVersionCode = bundle.version();
-  facts.deviceModel = platform::hardwareMachine();
-  facts.deviceBrand = platform::deviceBrand();
-  facts.locale = platform::localeIdentifier();
-  facts.timeZone = platform::timeZoneName();
-  facts.timeZoneAbv = platform::timeZoneAbbreviation();
-  if (auto storage = platform::storageSizes(bundle.dataDirectory())) {
+  facts.deviceModel = env_.hardwareMachine();
+  facts.deviceBrand = env_.deviceBrand();
+  facts.locale = env_.localeIdentifier();
+  facts.timeZone = env_.timeZoneName();
+  facts.timeZoneAbv = env_.timeZoneAbbreviation();
+  if (auto storage = env_.storageSizes(env_.dataDirectory())) {
     facts.extStorageSize = storage->totalMB;
     facts.availableStorageSize = storage->availableMB;
   }
@@ -188,7 +188,8 @@ void OVDeviceInfoManager::lookUpPublicAddress(const std::string& url) {
   }
 
   std::string text = std::move(download.body);
-  if (text.rfind(kLookupPrefix, 0) == 0) text.erase(0, std::char_traits<char>::length(kLookupPrefix));
+  if (text.rfind(kLookupPrefix, 0) == 0)
+    text.erase(0, std::char_traits<char>::length(kLookupPrefix));
   if (!text.empty()) text.pop_back();  // the closing ";"
   std::string ip;
   try {
@@ -243,13 +244,13 @@ std::string OVDeviceInfoManager::deviceIdentifier() {
   if (deviceId_) return *deviceId_;
   const std::string name = bundleIdentifier_.empty() ? kFallbackKeychainName : bundleIdentifier_;
   const std::string key = name + ".deviceID";
-  if (auto stored = keychain_.load(key); stored && !stored->empty()) {
+  if (auto stored = env_.keychain().load(key); stored && !stored->empty()) {
     deviceId_ = *stored;
     return *deviceId_;
   }
-  std::string id = vendorIdSource_ ? vendorIdSource_(name) : std::string();
+  std::string id = env_.vendorIdentifier(name);
   if (id.empty()) id = kFallbackVendorId;
-  keychain_.save(key, id);
+  env_.keychain().save(key, id);
   deviceId_ = id;
   return id;
 }
@@ -269,25 +270,6 @@ std::optional<std::string> OVDeviceInfoManager::advertisingIdentifier() const {
 void OVDeviceInfoManager::setAdvertisingIdProvider(AdvertisingIdProvider provider) {
   std::lock_guard lock(mutex_);
   advertisingIdProvider_ = std::move(provider);
-}
-
-std::string vendorIdentifier(const std::string& appId) {
-  // The application id for sd_id128_get_machine_app_specific is 128 bits: the
-  // first 16 bytes of the SHA-256 of the bundle identifier.
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned int length = 0;
-  if (EVP_Digest(appId.data(), appId.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
-    return "";
-  }
-  sd_id128_t app{};
-  std::copy_n(digest.begin(), sizeof app.bytes, app.bytes);
-  sd_id128_t machine{};
-  if (sd_id128_get_machine_app_specific(app, &machine) < 0) return "";
-  uuid_t uuid;
-  std::copy_n(machine.bytes, sizeof uuid, uuid);
-  char text[37];
-  uuid_unparse_upper(uuid, text);
-  return text;
 }
 
 }  // namespace velquin

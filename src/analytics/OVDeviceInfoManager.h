@@ -26,7 +26,7 @@
 
 namespace velquin {
 namespace platform {
-class Keychain;
+class Env;
 }
 class OVDeviceInfoManagerHelper;
 
@@ -37,22 +37,23 @@ class OVDeviceInfoManager final : public DeviceSource {
   // Used when the machine gives no vendor identifier.
   static constexpr const char* kFallbackVendorId = "E621E7F8-0000-0000-0000-0C247A3E6E5F";
 
-  // The vendor identifier for an application id: upper-case UUID text, or
-  // empty when the machine gives none.
-  using VendorIdSource = std::function<std::string(const std::string& appId)>;
   using AdvertisingIdProvider = std::function<std::optional<std::string>()>;
   using CarrierProvider = std::function<std::optional<std::string>()>;
 
+  // Over Env::standard() and the main bundle's identifier; starts the
+  // public-address lookup.
   static OVDeviceInfoManager& shared();
-  OVDeviceInfoManager(platform::Keychain& keychain, std::string bundleIdentifier);
-  OVDeviceInfoManager(platform::Keychain& keychain, std::string bundleIdentifier,
-                      VendorIdSource vendorIdSource);
+  // `env` (keychain, vendor id, system facts) must outlive the manager.
+  OVDeviceInfoManager(platform::Env& env, std::string bundleIdentifier);
   ~OVDeviceInfoManager() override;
   OVDeviceInfoManager(const OVDeviceInfoManager&) = delete;
   OVDeviceInfoManager& operator=(const OVDeviceInfoManager&) = delete;
 
   std::string userId() const override;
   void setUserId(const std::string& userId);
+  // The application key; empty until analytics start hands it over.
+  std::string appKey() const;
+  void setAppKey(const std::string& appKey);
   std::string idfa() const override;
   void setIdfa(const std::string& idfa);
   std::string appsflyer_device_id() const;
@@ -101,11 +102,11 @@ class OVDeviceInfoManager final : public DeviceSource {
  private:
   void lookUpPublicAddress(const std::string& url);
 
-  platform::Keychain& keychain_;
+  platform::Env& env_;
   const std::string bundleIdentifier_;
-  const VendorIdSource vendorIdSource_;
   mutable std::mutex mutex_;
   std::string userId_;                           // guarded by mutex_
+  std::string appKey_;                           // guarded by mutex_
   std::string idfa_;                             // guarded by mutex_
   std::string appsflyerDeviceId_;                // guarded by mutex_
   std::string extranetIp_;                       // guarded by mutex_
@@ -116,13 +117,9 @@ class OVDeviceInfoManager final : public DeviceSource {
   double screenDensity_ = 0;                     // guarded by mutex_
   std::mutex deviceIdMutex_;
   std::optional<std::string> deviceId_;  // guarded by deviceIdMutex_
-  std::thread lookupThread_;                     // guarded by lookupMutex_
+  std::thread lookupThread_;             // guarded by lookupMutex_
   std::mutex lookupMutex_;
   std::atomic<bool> stopLookup_{false};  // set by the destructor, read by the lookup
 };
-
-// The app-specific machine id for `appId` as upper-case UUID text, or empty
-// when the machine has no id.
-std::string vendorIdentifier(const std::string& appId);
 
 }  // namespace velquin

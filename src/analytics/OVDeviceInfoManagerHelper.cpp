@@ -1,14 +1,16 @@
 #include "analytics/OVDeviceInfoManagerHelper.h"
 
-#include "platform/SystemInfo.h"
+#include "platform/Env.h"
 #include "support/Reachability.h"
 
 namespace velquin {
 
 OVDeviceInfoManagerHelper& OVDeviceInfoManagerHelper::sharedManager() {
-  static OVDeviceInfoManagerHelper* helper = new OVDeviceInfoManagerHelper();  // process-wide
+  static auto* helper = new OVDeviceInfoManagerHelper(platform::Env::standard());  // process-wide
   return *helper;
 }
+
+OVDeviceInfoManagerHelper::OVDeviceInfoManagerHelper(platform::Env& env) : env_(env) {}
 
 std::string OVDeviceInfoManagerHelper::appKey() const {
   std::lock_guard lock(mutex_);
@@ -30,11 +32,14 @@ void OVDeviceInfoManagerHelper::setTag(const std::string& tag) {
   tag_ = tag;
 }
 
-std::string OVDeviceInfoManagerHelper::getMacAddress() const { return platform::macAddress(); }
+std::string OVDeviceInfoManagerHelper::getMacAddress() const {
+  return env_.macAddress();
+}
 
 std::shared_ptr<Reachability> OVDeviceInfoManagerHelper::reachability() {
   std::lock_guard lock(mutex_);
-  if (!reachability_) reachability_ = Reachability::reachabilityForInternetConnection();
+  if (!reachability_)
+    reachability_ = Reachability::reachabilityWithSource(env_.internetFlagSource());
   return reachability_;
 }
 
@@ -48,31 +53,36 @@ bool OVDeviceInfoManagerHelper::isReachable() {
 }
 
 std::uint64_t OVDeviceInfoManagerHelper::getTotalMemorySize() const {
-  return platform::totalMemoryBytes();
+  return env_.totalMemoryBytes();
 }
 
 std::uint64_t OVDeviceInfoManagerHelper::getAvailableMemory() const {
-  return platform::availableMemoryBytes();
+  return env_.availableMemoryBytes();
 }
 
-double OVDeviceInfoManagerHelper::getCurrentBatteryLevel() const { return platform::batteryLevel(); }
+double OVDeviceInfoManagerHelper::getCurrentBatteryLevel() const {
+  return env_.batteryLevel();
+}
 
 std::string OVDeviceInfoManagerHelper::getIPAddress(bool preferIPv4) const {
-  std::string address = platform::preferredIPAddress(preferIPv4);
+  std::string address = env_.preferredIPAddress(preferIPv4);
   return address.empty() ? "0.0.0.0" : address;
 }
 
 std::map<std::string, std::string> OVDeviceInfoManagerHelper::getIPAddresses() const {
-  return platform::interfaceAddresses();
+  return env_.interfaceAddresses();
 }
 
 std::string OVDeviceInfoManagerHelper::getDataNetworkItemView() {
   switch (reachability()->currentReachabilityStatus()) {
-    case NotReachable: return "none";
-    case ReachableViaWWAN: return "cellular";
-    case ReachableViaWiFi: break;
+    case NotReachable:
+      return "none";
+    case ReachableViaWWAN:
+      return "cellular";
+    case ReachableViaWiFi:
+      break;
   }
-  return platform::wirelessInterfaceUp() ? "wifi" : "wired";
+  return env_.wirelessInterfaceUp() ? "wifi" : "wired";
 }
 
 }  // namespace velquin

@@ -15,12 +15,17 @@
 #include <string>
 
 namespace velquin {
-
+namespace platform {
+class Env;
+}
 class Reachability;
 
 class OVDeviceInfoManagerHelper {
  public:
+  // Over Env::standard().
   static OVDeviceInfoManagerHelper& sharedManager();
+  // `env` answers the device queries and must outlive the helper.
+  explicit OVDeviceInfoManagerHelper(platform::Env& env);
 
   std::string appKey() const;
   std::string tag() const;
@@ -53,6 +58,7 @@ class OVDeviceInfoManagerHelper {
   std::string getDataNetworkItemView();
 
  private:
+  platform::Env& env_;
   mutable std::mutex mutex_;
   std::string appKey_;                          // guarded by mutex_
   std::string tag_;                             // guarded by mutex_

@@ -5,7 +5,7 @@
 #include "backend/AppToken.h"
 #include "backend/BackendChannel.h"
 #include "backend/DeviceSource.h"
-#include "platform/SystemInfo.h"
+#include "platform/Env.h"
 #include "support/OVCFunctionToolHelper.h"
 #include "support/OVUtils.h"
 #include "velquin/Bundle.h"
@@ -36,10 +36,13 @@ ReplyCompletion<Reply> successOnly(SuccessCompletion completion) {
 
 }  // namespace
 
-const char* defaultGatewayAddress() { return VELQUIN_GATEWAY; }
+const char* defaultGatewayAddress() {
+  return VELQUIN_GATEWAY;
+}
 
-GRPCserviceManager::GRPCserviceManager(const Bundle& bundle, DeviceSource& device)
-    : deviceInfo_(device), timeout_(kCallTimeout) {
+GRPCserviceManager::GRPCserviceManager(const Bundle& bundle, DeviceSource& device,
+                                       platform::Env& env)
+    : deviceInfo_(device), env_(env), timeout_(kCallTimeout) {
   AppToken token = AppToken::load(bundle);
   app_id_ = token.appId.value_or("");
   serverUrl_ = token.apiAddress.value_or(defaultGatewayAddress());
@@ -61,9 +64,8 @@ void GRPCserviceManager::setAppKey(const std::string& appKey) {
 }
 
 template <class Request, class Response>
-void GRPCserviceManager::call(typename UnaryCall<Request, Response>::Invoke invoke,
-                              Request request, Headers headers,
-                              ReplyCompletion<Response> completion) {
+void GRPCserviceManager::call(typename UnaryCall<Request, Response>::Invoke invoke, Request request,
+                              Headers headers, ReplyCompletion<Response> completion) {
   auto prepared = std::make_unique<UnaryCall<Request, Response>>(
       std::move(invoke), std::move(request), std::move(completion), timeout_);
   // Sent even when the key is still empty ("Bearer ").
@@ -115,8 +117,7 @@ void GRPCserviceManager::uploadUserInfo(const std::string& appUserId,
   request.set_app_user_id(appUserId);
   std::string advertiser = deviceInfo_.idfa();
   if (advertiser.empty()) {
-    advertiser = deviceInfo_.advertisingIdentifier().value_or(
-        DeviceSource::kZeroAdvertisingId);
+    advertiser = deviceInfo_.advertisingIdentifier().value_or(DeviceSource::kZeroAdvertisingId);
   }
   request.set_advertiser_id(advertiser);
   const std::string deviceId = deviceInfo_.deviceIdentifier();
@@ -145,14 +146,14 @@ void GRPCserviceManager::init(const std::string& userId,
                               ReplyCompletion<iap::GetInitInfoResponse> completion) {
   iap::GetInitInfoRequest request;
   request.set_user_id(userId);
-  request.set_language(platform::localeIdentifier());
-  request.set_device_model(platform::hardwareMachine());
+  request.set_language(env_.localeIdentifier());
+  request.set_device_model(env_.hardwareMachine());
   request.set_device_brand(kDeviceBrand);
   request.set_os(kOperatingSystem);
   // Crosswise on purpose: the backend reads the abbreviation from `timezone`
   // and the zone name from `tz_abv`.
-  request.set_timezone(platform::timeZoneAbbreviation());
-  request.set_tz_abv(platform::timeZoneName());
+  request.set_timezone(env_.timeZoneAbbreviation());
+  request.set_tz_abv(env_.timeZoneName());
   request.set_device_id(deviceInfo_.deviceIdentifier());
   request.set_package_name(Bundle::main().bundleIdentifier());
   request.set_sdk_version(kSdkVersion);
@@ -218,8 +219,7 @@ void GRPCserviceManager::generatePromotionalOfferSignature(
 }
 
 void GRPCserviceManager::getAttribution(
-    std::uint32_t network, const std::string& data,
-    const std::optional<std::string>& networkUserId,
+    std::uint32_t network, const std::string& data, const std::optional<std::string>& networkUserId,
     ReplyCompletion<attribution::GetAttributionResponse> completion) {
   const Bundle& bundle = Bundle::main();
   attribution::GetAttributionRequest request;
@@ -230,13 +230,13 @@ void GRPCserviceManager::getAttribution(
   request.set_data(data);
   request.set_network_user_id(networkUserId.value_or(""));
   request.set_os(kOperatingSystem);
-  request.set_os_version(platform::osVersion());
+  request.set_os_version(env_.osVersion());
   request.set_package_name(bundle.bundleIdentifier());
   request.set_package_version(bundle.shortVersionString());
-  request.set_device_model(platform::hardwareMachine());
-  request.set_locale(platform::localeIdentifier());
-  request.set_time_zone_abv(platform::timeZoneAbbreviation());
-  request.set_time_zone(platform::timeZoneName());
+  request.set_device_model(env_.hardwareMachine());
+  request.set_locale(env_.localeIdentifier());
+  request.set_time_zone_abv(env_.timeZoneAbbreviation());
+  request.set_time_zone(env_.timeZoneName());
   request.set_carrier(deviceInfo_.carrierName().value_or(DeviceSource::kNoCarrier));
   request.set_device_brand(kDeviceBrand);
   request.set_device_id(deviceInfo_.deviceIdentifier());

@@ -25,6 +25,9 @@
 namespace velquin {
 class Bundle;
 class DeviceSource;
+namespace platform {
+class Env;
+}
 
 template <class Reply>
 using ReplyCompletion = std::function<void(std::optional<Reply>, std::optional<Error>)>;
@@ -36,8 +39,9 @@ class GRPCserviceManager {
  public:
   // Reads "app_id", "api_address" and "api_root_certificates" from the
   // bundle's token file and builds the three stubs on one channel.
-  // `device` must outlive the client.
-  GRPCserviceManager(const Bundle& bundle, DeviceSource& device);
+  // `device` and `env` (the system facts requests carry) must outlive the
+  // client.
+  GRPCserviceManager(const Bundle& bundle, DeviceSource& device, platform::Env& env);
 
   std::string appKey() const;
   void setAppKey(const std::string& appKey);
@@ -72,12 +76,13 @@ class GRPCserviceManager {
  private:
   enum class Headers { authorization, authorizationAndExperiment };
   template <class Request, class Response>
-  void call(typename UnaryCall<Request, Response>::Invoke invoke, Request request,
-            Headers headers, ReplyCompletion<Response> completion);
+  void call(typename UnaryCall<Request, Response>::Invoke invoke, Request request, Headers headers,
+            ReplyCompletion<Response> completion);
 
   DeviceSource& deviceInfo_;
+  platform::Env& env_;
   mutable std::mutex appKeyMutex_;
-  std::string appKey_;  // guarded by appKeyMutex_
+  std::string appKey_;            // guarded by appKeyMutex_
   std::string app_id_;            // set in the constructor, then read-only
   std::string serverUrl_;         // set in the constructor, then read-only
   std::string rootCertificates_;  // set in the constructor, then read-only

@@ -16,6 +16,7 @@
 #include "delivery/OVRequestManager.h"
 #include "delivery/ZKFMDB.h"
 #include "facade/CompositionRoot.h"
+#include "platform/Env.h"
 #include "purchases/OVPurchaseImpl.h"
 #include "support/OVUtils.h"
 #include "velquin/Bundle.h"
@@ -104,7 +105,8 @@ std::shared_ptr<OVPurchaseImpl> OVPurchaseImpl::sharedPointer() {
   // Kept for the process; callbacks hold it weakly all the same.
   static auto* instance = [] {
     wireProcessFlags();
-    return new std::shared_ptr<OVPurchaseImpl>(create(std::make_shared<FacadeAnalytics>()));
+    return new std::shared_ptr<OVPurchaseImpl>(
+        create(platform::Env::standard(), std::make_shared<FacadeAnalytics>()));
   }();
   return *instance;
 }

@@ -84,6 +84,18 @@ void Velquin::setPagePresenter(std::shared_ptr<PagePresenter> presenter) {
   purchases_->setPagePresenter(std::move(presenter));
 }
 
+void Velquin::setAdvertisingIdProvider(AdvertisingIdProvider provider) {
+  OVDeviceInfoManager::shared().setAdvertisingIdProvider(std::move(provider));
+}
+
+void Velquin::setCarrierProvider(CarrierProvider provider) {
+  OVDeviceInfoManager::shared().setCarrierProvider(std::move(provider));
+}
+
+void Velquin::setScreen(const ScreenFacts& screen) {
+  OVDeviceInfoManager::shared().setScreen(screen.width, screen.height, screen.density);
+}
+
 void Velquin::uploadUserInfo() {
   purchases_->uploadUserInfo(std::nullopt, nlohmann::json::object(), nullptr);
 }

@@ -1,5 +1,11 @@
 #include "platform/SystemInfo.h"
 
+#include <uuid/uuid.h>
+
+#include <systemd/sd-id128.h>
+
+#include <openssl/evp.h>
+
 #include <arpa/inet.h>
 #include <gio/gio.h>
 #include <ifaddrs.h>
@@ -312,5 +318,25 @@ std::optional<StorageSizes> storageSizes(const std::filesystem::path& path) {
 }
 
 std::string deviceBrand() { return readFirstLine("/sys/class/dmi/id/sys_vendor"); }
+
+std::string vendorIdentifier(const std::string& appId) {
+  // The application id for sd_id128_get_machine_app_specific is 128 bits: the
+  // first 16 bytes of the SHA-256 of the bundle identifier.
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (EVP_Digest(appId.data(), appId.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
+    return "";
+  }
+  sd_id128_t app{};
+  std::copy_n(digest.begin(), sizeof app.bytes, app.bytes);
+  sd_id128_t machine{};
+  if (sd_id128_get_machine_app_specific(app, &machine) < 0) return "";
+  uuid_t uuid;
+  std::copy_n(machine.bytes, sizeof uuid, uuid);
+  char text[37];
+  uuid_unparse_upper(uuid, text);
+  return text;
+}
+
 
 }  // namespace velquin::platform

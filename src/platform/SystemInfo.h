@@ -67,4 +67,9 @@ std::optional<StorageSizes> storageSizes(const std::filesystem::path& path);
 // when unknown.
 std::string deviceBrand();
 
+// The app-specific machine id for `appId` (sd_id128_get_machine_app_specific
+// keyed by the first 16 bytes of the id's SHA-256) as upper-case UUID text;
+// empty when the machine has no id.
+std::string vendorIdentifier(const std::string& appId);
+
 }  // namespace velquin::platform

@@ -6,7 +6,7 @@
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/AppToken.h"
 #include "backend/GRPCserviceManager.h"
-#include "platform/UserDefaults.h"
+#include "platform/Env.h"
 #include "purchases/OVDataCache.h"
 #include "purchases/OVProductRequest.h"
 #include "purchases/OVReceiptRequest.h"
@@ -41,19 +41,20 @@ OVSubscriber subscriberFrom(const iap::Subscriber* reply) {
 
 }  // namespace
 
-std::shared_ptr<OVPurchaseImpl> OVPurchaseImpl::create(std::shared_ptr<AnalyticsSink> analytics) {
-  std::shared_ptr<OVPurchaseImpl> made(new OVPurchaseImpl(std::move(analytics)));
+std::shared_ptr<OVPurchaseImpl> OVPurchaseImpl::create(platform::Env& env,
+                                                       std::shared_ptr<AnalyticsSink> analytics) {
+  std::shared_ptr<OVPurchaseImpl> made(new OVPurchaseImpl(env, std::move(analytics)));
   made->attachStore();
   return made;
 }
 
-OVPurchaseImpl::OVPurchaseImpl(std::shared_ptr<AnalyticsSink> analytics)
+OVPurchaseImpl::OVPurchaseImpl(platform::Env& env, std::shared_ptr<AnalyticsSink> analytics)
     : analytics_(std::move(analytics)) {
   const Bundle& bundle = Bundle::main();
-  auto& defaults = platform::UserDefaults::standard();
+  auto& defaults = env.userDefaults();
   auto& deviceInfo = OVDeviceInfoManager::shared();
   receiptRequest_ = OVReceiptRequest::create();
-  networkManager_ = std::make_unique<GRPCserviceManager>(bundle, deviceInfo);
+  networkManager_ = std::make_unique<GRPCserviceManager>(bundle, deviceInfo, env);
   userDataManager_ = std::make_unique<OVUserDataManager>(defaults, deviceInfo);
   productsRequest_ = OVProductRequest::create();
   dataCache_ = std::make_unique<OVDataCache>(defaults);
@@ -134,7 +135,7 @@ std::string OVPurchaseImpl::appUserId() const { return userDataManager_->userId(
 void OVPurchaseImpl::enableLog(bool enabled) { OVUtils::enableLogs(enabled); }
 
 bool OVPurchaseImpl::isSandbox() const {
-  auto receipt = Bundle::main().appStoreReceiptPath();
+  auto receipt = StoreKit::appStoreReceiptPath();
   return receipt && receipt->filename() == "sandboxReceipt";
 }
 

@@ -26,6 +26,9 @@
 #include "velquin/PagePresenter.h"
 
 namespace velquin {
+namespace platform {
+class Env;
+}
 class GRPCserviceManager;
 class OVUserDataManager;
 class OVDataCache;
@@ -48,9 +51,11 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   // The process's orchestrator, made and wired by the composition root.
   static OVPurchaseImpl& shared();
   static std::shared_ptr<OVPurchaseImpl> sharedPointer();
-  // Makes an orchestrator over the process's store queue; `analytics`
-  // (may be null) hears of analytics start and purchases.
-  static std::shared_ptr<OVPurchaseImpl> create(std::shared_ptr<AnalyticsSink> analytics);
+  // Makes an orchestrator over the process's store queue and `env` (its
+  // user defaults and the facts requests carry; must outlive it);
+  // `analytics` (may be null) hears of analytics start and purchases.
+  static std::shared_ptr<OVPurchaseImpl> create(platform::Env& env,
+                                                std::shared_ptr<AnalyticsSink> analytics);
   ~OVPurchaseImpl() override;
 
   // Both names run start-up from the bundle's token file; without a file or
@@ -63,7 +68,7 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   void configureSDK(const std::string& appKey);
 
   void enableLog(bool enabled);
-  // True when the store receipt location ends in "sandboxReceipt".
+  // True when the installed store's receipt location ends in "sandboxReceipt".
   bool isSandbox() const;
 
   // ---- Purchases. Completions of successful transactions run on a gRPC
@@ -150,7 +155,7 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   void storeKitWrapperRestoreDidFail(const Error& error) override;
 
  private:
-  explicit OVPurchaseImpl(std::shared_ptr<AnalyticsSink> analytics);
+  OVPurchaseImpl(platform::Env& env, std::shared_ptr<AnalyticsSink> analytics);
   // The store objects need the orchestrator's shared pointer.
   void attachStore();
 

@@ -17,57 +17,52 @@
 #include "analytics/OVDeviceInfoManagerHelper.h"
 #include "platform/Keychain.h"
 #include "platform/SystemInfo.h"
+#include "support/FakeEnv.h"
 #include "support/TempEnvironment.h"
 
 namespace velquin {
 namespace {
 
 using platform::FileKeychain;
-
-std::string noVendorId(const std::string&) { return ""; }
+using testing::FakeEnv;
 
 TEST(DeviceIdentifier, WithoutVendorIdTheFixedTextIsStoredAndKept) {
   testing::TempEnvironment env;
   auto file = env.root() / "keychain.plist";
-  FileKeychain keychain(file);
+  FakeEnv fake(file, "");
   {
-    OVDeviceInfoManager manager(keychain, "com.example.app", noVendorId);
+    OVDeviceInfoManager manager(fake, "com.example.app");
     EXPECT_EQ(manager.deviceIdentifier(), OVDeviceInfoManager::kFallbackVendorId);
   }
   EXPECT_EQ(FileKeychain(file).load("com.example.app.deviceID"),
             OVDeviceInfoManager::kFallbackVendorId);
   // Later the machine has an id, but the stored one stays.
-  OVDeviceInfoManager later(keychain, "com.example.app",
-                            [](const std::string&) { return std::string("11111111-2222-3333-4444-555555555555"); });
+  fake.setVendorId("11111111-2222-3333-4444-555555555555");
+  OVDeviceInfoManager later(fake, "com.example.app");
   EXPECT_EQ(later.deviceIdentifier(), OVDeviceInfoManager::kFallbackVendorId);
 }
 
 TEST(DeviceIdentifier, StableAcrossManagersOverTheSameKeychainFile) {
   testing::TempEnvironment env;
   auto file = env.root() / "keychain.plist";
-  int asked = 0;
-  auto vendor = [&asked](const std::string& appId) {
-    ++asked;
-    EXPECT_EQ(appId, "com.example.app");
-    return std::string("0A1B2C3D-0000-4000-8000-00000000ABCD");
-  };
-  FileKeychain first(file);
-  OVDeviceInfoManager a(first, "com.example.app", vendor);
+  FakeEnv first(file, "0A1B2C3D-0000-4000-8000-00000000ABCD");
+  OVDeviceInfoManager a(first, "com.example.app");
   std::string id = a.deviceIdentifier();
   EXPECT_EQ(id, "0A1B2C3D-0000-4000-8000-00000000ABCD");
   EXPECT_EQ(a.deviceIdentifier(), id);
 
-  FileKeychain second(file);  // as after a restart
-  OVDeviceInfoManager b(second, "com.example.app", vendor);
+  FakeEnv second(file, "0A1B2C3D-0000-4000-8000-00000000ABCD");  // as after a restart
+  OVDeviceInfoManager b(second, "com.example.app");
   EXPECT_EQ(b.deviceIdentifier(), id);
-  EXPECT_EQ(asked, 1);
+  EXPECT_EQ(first.vendorAsked, std::vector<std::string>{"com.example.app"});
+  EXPECT_TRUE(second.vendorAsked.empty());
 }
 
 TEST(DeviceIdentifier, NoBundleIdentifierUsesTheFallbackKeyAndTheMachineId) {
   testing::TempEnvironment env;
-  FileKeychain keychain(env.root() / "keychain.plist");
-  std::string id = OVDeviceInfoManager(keychain, "").deviceIdentifier();
-  EXPECT_EQ(keychain.load(std::string(OVDeviceInfoManager::kFallbackKeychainName) + ".deviceID"), id);
+  FakeEnv fake(env.root() / "keychain.plist");  // the machine's own vendor id
+  std::string id = OVDeviceInfoManager(fake, "").deviceIdentifier();
+  EXPECT_EQ(fake.keychain().load(std::string(OVDeviceInfoManager::kFallbackKeychainName) + ".deviceID"), id);
   bool upperUuid = id.size() == 36;
   for (size_t i = 0; upperUuid && i < id.size(); ++i) {
     upperUuid = (i == 8 || i == 13 || i == 18 || i == 23) ? id[i] == '-'
@@ -75,14 +70,15 @@ TEST(DeviceIdentifier, NoBundleIdentifierUsesTheFallbackKeyAndTheMachineId) {
   }
   EXPECT_TRUE(upperUuid) << id;
   // The machine id differs per application (or is missing for all).
-  EXPECT_EQ(vendorIdentifier("com.example.a") == vendorIdentifier("com.example.b"),
-            vendorIdentifier("com.example.a").empty());
+  EXPECT_EQ(platform::vendorIdentifier("com.example.a") ==
+                platform::vendorIdentifier("com.example.b"),
+            platform::vendorIdentifier("com.example.a").empty());
 }
 
 TEST(AdvertisingIdentifier, OnlyAnAuthorisedNonZeroIdCounts) {
   testing::TempEnvironment env;
-  FileKeychain keychain(env.root() / "keychain.plist");
-  OVDeviceInfoManager manager(keychain, "com.example.app", noVendorId);
+  FakeEnv fake(env.root() / "keychain.plist", "");
+  OVDeviceInfoManager manager(fake, "com.example.app");
   EXPECT_FALSE(manager.advertisingIdentifier());  // no provider installed
   using Id = std::optional<std::string>;
   for (Id given : {Id(OVDeviceInfoManager::kZeroAdvertisingId), Id(), Id("")}) {
@@ -158,13 +154,13 @@ class OneShotHttpServer {
 class PublicAddressLookup : public ::testing::Test {
  protected:
   testing::TempEnvironment env_;
-  FileKeychain keychain_{env_.root() / "keychain.plist"};
+  FakeEnv fake_{env_.root() / "keychain.plist", ""};
 };
 
 TEST_F(PublicAddressLookup, ReadsTheAddressFromTheCityReply) {
   OneShotHttpServer server(
       "var returnCitySN = {\"cip\": \"203.0.113.7\", \"cid\": \"CN\", \"cname\": \"CHINA\"};");
-  OVDeviceInfoManager manager(keychain_, "com.example.app", noVendorId);
+  OVDeviceInfoManager manager(fake_, "com.example.app");
   ::testing::internal::CaptureStdout();
   ASSERT_TRUE(manager.startPublicAddressLookup(server.address() + "/"));
   EXPECT_FALSE(manager.startPublicAddressLookup(server.address()));  // one lookup only
@@ -179,7 +175,7 @@ TEST_F(PublicAddressLookup, ReadsTheAddressFromTheCityReply) {
 TEST_F(PublicAddressLookup, AReplyWithoutThePrefixFailsAsJson) {
   // Only the last character is dropped: "{"cip": "1.2.3.4"}" loses its brace.
   OneShotHttpServer server("{\"cip\": \"198.51.100.1\"}");
-  OVDeviceInfoManager manager(keychain_, "com.example.app", noVendorId);
+  OVDeviceInfoManager manager(fake_, "com.example.app");
   ::testing::internal::CaptureStdout();
   ASSERT_TRUE(manager.startPublicAddressLookup(server.address()));
   manager.waitForPublicAddressLookup();
@@ -201,7 +197,7 @@ TEST_F(PublicAddressLookup, ASilentServerDoesNotHoldUpDestruction) {
 
   auto start = std::chrono::steady_clock::now();
   {
-    OVDeviceInfoManager manager(keychain_, "com.example.app", noVendorId);
+    OVDeviceInfoManager manager(fake_, "com.example.app");
     ASSERT_TRUE(manager.startPublicAddressLookup("http://127.0.0.1:" +
                                                  std::to_string(ntohs(address.sin_port))));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the request is out
@@ -237,8 +233,8 @@ TEST(DeviceFactsTest, BundleVersionsDefaultsAndHostProvidedValues) {
   testing::TempEnvironment env;
   env.writeInfoPlist("4.5.6", "789");
   env.installAsMainBundle();
-  FileKeychain keychain(env.root() / "keychain.plist");
-  OVDeviceInfoManager manager(keychain, env.bundleId(), noVendorId);
+  FakeEnv fake(env.root() / "keychain.plist", "");
+  OVDeviceInfoManager manager(fake, env.bundleId());
 
   DeviceFacts facts = manager.deviceFacts();
   EXPECT_EQ(facts.packageName, env.bundleId());

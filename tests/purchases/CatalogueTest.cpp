@@ -5,8 +5,10 @@
 #include <fstream>
 
 #include "StoreFakes.h"
+#include "platform/Env.h"
 #include "platform/UserDefaults.h"
 #include "purchases/OVDataCache.h"
+#include "purchases/OVPurchaseImpl.h"
 #include "purchases/OVProductRequest.h"
 #include "purchases/OVReceiptRequest.h"
 #include "support/TempEnvironment.h"
@@ -80,6 +82,13 @@ TEST_F(Catalogue, TheCacheKeepsOneEntryPerProductWithItsOffers) {
   EXPECT_EQ(info["y"].discounts_size(), 0);
   cache.invalidateCache();
   EXPECT_EQ(cache.productInfoList().size(), 2u);  // still sent with the next receipt
+}
+
+TEST_F(Catalogue, SandboxIsTheInstalledStoresReceiptLocation) {
+  auto orchestrator = OVPurchaseImpl::create(platform::Env::standard(), nullptr);
+  EXPECT_FALSE(orchestrator->isSandbox());
+  store->receipt = env.root() / "elsewhere" / "sandboxReceipt";
+  EXPECT_TRUE(orchestrator->isSandbox());
 }
 
 }  // namespace

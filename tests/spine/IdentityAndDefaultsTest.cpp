@@ -11,6 +11,7 @@
 #include "platform/Keychain.h"
 #include "platform/UserDefaults.h"
 #include "purchases/OVDataCache.h"
+#include "support/FakeEnv.h"
 #include "support/TempEnvironment.h"
 #include "velquin/NotificationCenter.h"
 
@@ -18,15 +19,14 @@ namespace {
 
 using velquin::OVDeviceInfoManager;
 using velquin::OVUserDataManager;
-using velquin::platform::FileKeychain;
 using velquin::platform::UserDefaults;
 
 class Identity : public ::testing::Test {
  protected:
   velquin::testing::TempEnvironment env;
   std::filesystem::path defaultsFile = env.root() / "config" / "app" / "defaults.plist";
-  FileKeychain keychain{env.root() / "keychain.plist"};
-  OVDeviceInfoManager deviceInfo{keychain, env.bundleId()};
+  velquin::testing::FakeEnv fakeEnv{env.root() / "keychain.plist"};
+  OVDeviceInfoManager deviceInfo{fakeEnv, env.bundleId()};
   std::vector<std::unique_ptr<UserDefaults>> launches;  // one defaults object per launch
 
   void SetUp() override { velquin::OVUtils::enableLogs(true); }
