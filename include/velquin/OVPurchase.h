@@ -29,6 +29,7 @@
 #include <nlohmann/json.hpp>
 
 #include "velquin/Error.h"
+#include "velquin/Export.h"
 #include "velquin/Models.h"
 #include "velquin/StoreKit.h"
 #include "velquin/Subscriber.h"
@@ -48,7 +49,7 @@ class OVProductRequest;
 using ReceiptData = std::vector<std::uint8_t>;
 
 // A store product as the SDK hands it out.
-struct OVProduct {
+struct VELQUIN_EXPORT OVProduct {
   std::string id;
   SKProductPtr product;
 };
@@ -63,7 +64,7 @@ enum class PurchaseErrorCode : std::int64_t {
 // (a promoted purchase). Called on the main queue. With status proceed the
 // store goes on at once; with the other statuses the app adds the payment
 // itself later (for example with purchaseSKProduct(product)).
-class OVPromotingObserverProtocol {
+class VELQUIN_EXPORT OVPromotingObserverProtocol {
  public:
   virtual ~OVPromotingObserverProtocol() = default;
   virtual void ovPromotingAddStorePaymentWithStatus(OVPromotingInAppPurchaseStatus status,
@@ -73,7 +74,7 @@ class OVPromotingObserverProtocol {
 
 // What the store transaction wrapper tells its owner. Every call runs on the
 // main queue.
-class StoreKitWrapperDelegate {
+class VELQUIN_EXPORT StoreKitWrapperDelegate {
  public:
   virtual ~StoreKitWrapperDelegate() = default;
   // The newest transaction of a batch was purchased or restored. `receipt` is
@@ -89,8 +90,8 @@ class StoreKitWrapperDelegate {
   virtual std::shared_ptr<OVPromotingObserverProtocol> promotingObserver() const = 0;
 };
 
-class OVPurchase : public StoreKitWrapperDelegate,
-                   public std::enable_shared_from_this<OVPurchase> {
+class VELQUIN_EXPORT OVPurchase : public StoreKitWrapperDelegate,
+                                  public std::enable_shared_from_this<OVPurchase> {
  public:
   // Posted (no object) each time a GetAppConfig answer, reply or error, has
   // been handled by start-up.

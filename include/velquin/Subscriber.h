@@ -9,6 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 namespace iap {
 class Subscriber;
@@ -35,7 +37,7 @@ enum class OVSubscriberStatus : std::int32_t {
   ActiveAutoRenOn = 5,
   ActiveButPause = 6,
 };
-std::optional<OVSubscriberStatus> subscriberStatusFromRaw(std::int32_t raw);
+VELQUIN_EXPORT std::optional<OVSubscriberStatus> subscriberStatusFromRaw(std::int32_t raw);
 
 enum class OVSubscriberSubStatus : std::int32_t {
   StandardSub = 0,
@@ -43,9 +45,9 @@ enum class OVSubscriberSubStatus : std::int32_t {
   Introductory = 2,
   SubOffer = 3,
 };
-std::optional<OVSubscriberSubStatus> subscriberSubStatusFromRaw(std::int32_t raw);
+VELQUIN_EXPORT std::optional<OVSubscriberSubStatus> subscriberSubStatusFromRaw(std::int32_t raw);
 
-struct OVEntitlement {
+struct VELQUIN_EXPORT OVEntitlement {
   std::string id;
   std::int64_t expireAt = 0;  // in the backend's unit
   bool isActive = false;
@@ -53,14 +55,14 @@ struct OVEntitlement {
   bool operator==(const OVEntitlement&) const = default;
 };
 
-struct OVSubscriptionOriginalTransaction {
+struct VELQUIN_EXPORT OVSubscriptionOriginalTransaction {
   std::string originalTxid;
   std::int64_t startAt = 0;
   std::int64_t expireAt = 0;
   bool operator==(const OVSubscriptionOriginalTransaction&) const = default;
 };
 
-struct OVSubscription {
+struct VELQUIN_EXPORT OVSubscription {
   std::string productId;
   OVSubscriberStatus status = OVSubscriberStatus::MissingPurchInfo;
   OVSubscriberSubStatus subStatus = OVSubscriberSubStatus::StandardSub;
@@ -72,7 +74,7 @@ struct OVSubscription {
 
 // productId, expireAt and isActive are those of the first entitlement. The
 // default value is the empty subscriber every failure hands over.
-struct OVSubscriber {
+struct VELQUIN_EXPORT OVSubscriber {
   std::string productId;
   std::int64_t expireAt = 0;
   bool isActive = false;
@@ -89,9 +91,9 @@ OVSubscription subscriptionFromReply(const iap::Subscription& reply);
 // Keyed encoding of the two encodable types: keys in the order listed above;
 // decoding fails as a whole on a missing key or a wrong type (the JSON
 // library's exception, caught by the callers of these functions).
-void to_json(nlohmann::json& json, const OVEntitlement& value);
-void from_json(const nlohmann::json& json, OVEntitlement& value);
-void to_json(nlohmann::json& json, const OVSubscriptionOriginalTransaction& value);
-void from_json(const nlohmann::json& json, OVSubscriptionOriginalTransaction& value);
+VELQUIN_EXPORT void to_json(nlohmann::json& json, const OVEntitlement& value);
+VELQUIN_EXPORT void from_json(const nlohmann::json& json, OVEntitlement& value);
+VELQUIN_EXPORT void to_json(nlohmann::json& json, const OVSubscriptionOriginalTransaction& value);
+VELQUIN_EXPORT void from_json(const nlohmann::json& json, OVSubscriptionOriginalTransaction& value);
 
 }  // namespace velquin
