@@ -31,9 +31,12 @@ if(VELQUIN_SHARED)
   set(VELQUIN_PC_LIBS_PRIVATE "")
   set(VELQUIN_PC_CFLAGS "")
 else()
+  # libcurl is named directly: its own .pc lists, for fully static links, the
+  # static dependencies of curl itself (rtmp, ssh2, ldap, ...), which a link
+  # against the shared libcurl does not need and Debian does not install.
   set(VELQUIN_PC_REQUIRES_PRIVATE
-    "grpc++ protobuf sqlite3 libcrypto libcurl gio-2.0 glib-2.0 libplist-2.0 uuid libsystemd libsecret-1")
-  set(VELQUIN_PC_LIBS_PRIVATE "-lSQLiteCpp -pthread")
+    "grpc++ protobuf sqlite3 libcrypto gio-2.0 glib-2.0 libplist-2.0 uuid libsystemd libsecret-1")
+  set(VELQUIN_PC_LIBS_PRIVATE "-lSQLiteCpp -lcurl -pthread")
   set(VELQUIN_PC_CFLAGS " -DVELQUIN_STATIC")
 endif()
 configure_file(cmake/velquin.pc.in ${PROJECT_BINARY_DIR}/velquin.pc @ONLY)
