@@ -3,6 +3,9 @@
 #   make test   build and run every test (plain, ASan+UBSan, and TSan for delivery)
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
+# Where we develop (and in CI) warnings are errors; a plain cmake build leaves
+# them warnings.
+CMAKE_FLAGS += -DVELQUIN_WERROR=ON
 # ccache, when installed, makes rebuilds and other checkouts of the tree
 # cheap; paths below this folder hash alike in every checkout.
 ifneq ($(shell command -v ccache 2>/dev/null),)

@@ -12,9 +12,11 @@
 #include <optional>
 #include <string>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 
-class Bundle {
+class VELQUIN_EXPORT Bundle {
  public:
   static const Bundle& main();
   static void setMainBundlePath(const std::filesystem::path& dir);

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <string>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 
-struct Error {
+struct VELQUIN_EXPORT Error {
   std::string domain;   // "io.grpc" for backend calls, the store's domain for store errors, ...
   std::int64_t code = 0;
   std::string message;  // human-readable; what the platform calls the localized description

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "velquin/Error.h"
+#include "velquin/Export.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin {
@@ -31,7 +32,7 @@ namespace velquin {
 // createDefault()); every member may be called from any thread. All state
 // changes and all callbacks happen on MainQueue::shared(). Tasks it schedules
 // hold it weakly: once the last owner lets go, pending outcomes are dropped.
-class LocalStore final : public StoreBackend,
+class VELQUIN_EXPORT LocalStore final : public StoreBackend,
                          public SKPaymentQueue,
                          public std::enable_shared_from_this<LocalStore> {
  public:

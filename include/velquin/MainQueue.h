@@ -12,11 +12,13 @@
 #include <functional>
 #include <memory>
 
+#include "velquin/Export.h"
+
 typedef struct _GMainContext GMainContext;
 
 namespace velquin {
 
-class MainQueue {
+class VELQUIN_EXPORT MainQueue {
  public:
   using Clock = std::chrono::steady_clock;
   using TimerId = std::uint64_t;

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 
 // How a purchase that the store promotes is handled (raw values 0-2).
@@ -13,10 +15,11 @@ enum class OVPromotingInAppPurchaseStatus : std::int32_t {
   deferred = 1,           // the app adds the payment itself later
   deferredToObserver = 2  // the app's observer decides, then adds the payment
 };
-std::optional<OVPromotingInAppPurchaseStatus> promotingStatusFromRaw(std::int32_t raw);
+VELQUIN_EXPORT std::optional<OVPromotingInAppPurchaseStatus> promotingStatusFromRaw(
+    std::int32_t raw);
 
 // The signed parameters of a promotional offer, as the backend made them.
-struct OVOfferSignatureDetail {
+struct VELQUIN_EXPORT OVOfferSignatureDetail {
   std::string keyIdentifier;
   std::string nonce;
   std::string signature;
@@ -34,11 +37,11 @@ enum class AttributionNetwork : std::uint32_t {
   custom = 5,
 };
 // The network's wire name ("adjust", ..., "custom"); empty for raw values past 5.
-std::string attributionSourceName(AttributionNetwork network);
+VELQUIN_EXPORT std::string attributionSourceName(AttributionNetwork network);
 
 // The backend's answer to an attribution update: what it attributed the
 // install to. Texts are empty when the backend sent none.
-struct OVAttribution {
+struct VELQUIN_EXPORT OVAttribution {
   std::string appId;
   std::string advertiserId;
   std::string appUserId;

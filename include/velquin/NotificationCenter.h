@@ -12,14 +12,16 @@
 #include <string>
 #include <unordered_map>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 
-struct Notification {
+struct VELQUIN_EXPORT Notification {
   std::string name;
   std::any object;
 };
 
-class NotificationCenter {
+class VELQUIN_EXPORT NotificationCenter {
  public:
   using Observer = std::function<void(const Notification&)>;
   using Token = std::uint64_t;

@@ -16,11 +16,12 @@
 #include <nlohmann/json.hpp>
 
 #include "velquin/Error.h"
+#include "velquin/Export.h"
 
 namespace velquin {
 
 // The backend's answer to one event.
-struct OVEventResponse {
+struct VELQUIN_EXPORT OVEventResponse {
   bool status = false;
 };
 
@@ -38,7 +39,7 @@ enum class EventType : int {
   fatalCrash = 9,      // "fatal_crash"
   viewPaywall = 10,    // "ev_view_paywall"
 };
-const char* eventName(EventType type);
+VELQUIN_EXPORT const char* eventName(EventType type);
 
 enum class ParamScreenType {
   paramScreenNono = 0,
@@ -63,7 +64,7 @@ enum class ParamFormatType { paramFormatNono = 0, paramFormatBanner, paramFormat
 // Typed event parameters. toDictionary() starts from otherData and then sets
 // "screeen_name", "splacement", "ad_source" and "format" for every field
 // that is not its "Nono" case (a typed field wins over otherData).
-struct ParamModel {
+struct VELQUIN_EXPORT ParamModel {
   ParamScreenType screenType = ParamScreenType::paramScreenNono;
   ParamPlaceType placeType = ParamPlaceType::paramPlaceNono;
   ParamAdSouceType adsouceType = ParamAdSouceType::paramAdSouceNono;
@@ -73,7 +74,7 @@ struct ParamModel {
   nlohmann::json toDictionary() const;
 };
 
-class OVAnalytics {
+class VELQUIN_EXPORT OVAnalytics {
  public:
   using SuccessBlock = std::function<void(const OVEventResponse&)>;
   using FailureBlock = std::function<void(const Error&)>;

@@ -27,6 +27,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velquin/Export.h"
 #include "velquin/Error.h"
 #include "velquin/Models.h"
 #include "velquin/PagePresenter.h"
@@ -40,7 +41,7 @@ class Velquin;
 using ReceiptData = std::vector<std::uint8_t>;
 
 // A store product as the SDK hands it out.
-struct OVProduct {
+struct VELQUIN_EXPORT OVProduct {
   std::string id;
   SKProductPtr product;
 };
@@ -55,7 +56,7 @@ enum class PurchaseErrorCode : std::int64_t {
 // (a promoted purchase). Called on the main queue. With status proceed the
 // store goes on at once; with the other statuses the app adds the payment
 // itself later (for example with purchaseSKProduct(product)).
-class OVPromotingObserverProtocol {
+class VELQUIN_EXPORT OVPromotingObserverProtocol {
  public:
   virtual ~OVPromotingObserverProtocol() = default;
   virtual void ovPromotingAddStorePaymentWithStatus(OVPromotingInAppPurchaseStatus status,
@@ -63,7 +64,7 @@ class OVPromotingObserverProtocol {
                                                     const SKProductPtr& product) = 0;
 };
 
-class OVPurchase {
+class VELQUIN_EXPORT OVPurchase {
  public:
   // Posted (no object) each time a GetAppConfig answer, reply or error, has
   // been handled by start-up.

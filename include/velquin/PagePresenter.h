@@ -10,9 +10,11 @@
 #include <optional>
 #include <string>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 
-class PagePresenter {
+class VELQUIN_EXPORT PagePresenter {
  public:
   virtual ~PagePresenter() = default;
   using PaywallCompletion = std::function<void(bool shown, std::optional<std::string> message)>;

@@ -12,6 +12,8 @@
 #include <optional>
 #include <string>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 
 // The advertising identifier, when the user has authorised tracking; absent
@@ -22,7 +24,7 @@ using AdvertisingIdProvider = std::function<std::optional<std::string>()>;
 using CarrierProvider = std::function<std::optional<std::string>()>;
 
 // The main screen in points and its scale, as events report it.
-struct ScreenFacts {
+struct VELQUIN_EXPORT ScreenFacts {
   std::int32_t width = 0;
   std::int32_t height = 0;
   double density = 0;

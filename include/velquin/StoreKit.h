@@ -29,6 +29,7 @@
 #include <string_view>
 #include <vector>
 
+#include "velquin/Export.h"
 #include "velquin/Error.h"
 
 namespace velquin {
@@ -52,14 +53,14 @@ enum class SKErrorCode : std::int64_t {
   invalidOfferPrice = 14,
 };
 
-Error makeSKError(SKErrorCode code, std::string message);
+VELQUIN_EXPORT Error makeSKError(SKErrorCode code, std::string message);
 
 // ---------------------------------------------------------------------------
 // Products
 
 // A decimal amount kept as its exact decimal text ("9.99"), as the platform
 // keeps prices; doubleValue() for arithmetic. Plain value; any thread.
-class SKDecimalNumber {
+class VELQUIN_EXPORT SKDecimalNumber {
  public:
   SKDecimalNumber() = default;
   // Accepts plain decimal text: optional '-', digits, optional '.' and digits.
@@ -76,14 +77,14 @@ class SKDecimalNumber {
   std::string text_ = "0";
 };
 
-struct SKPriceLocale {
+struct VELQUIN_EXPORT SKPriceLocale {
   std::string localeIdentifier;  // "en_US"; empty when unknown
   std::string currencyCode;      // "USD"; empty when unknown
 };
 
 enum class SKProductPeriodUnit : std::int32_t { day = 0, week = 1, month = 2, year = 3 };
 
-struct SKProductSubscriptionPeriod {
+struct VELQUIN_EXPORT SKProductSubscriptionPeriod {
   std::uint32_t numberOfUnits = 1;
   SKProductPeriodUnit unit = SKProductPeriodUnit::month;
   friend bool operator==(const SKProductSubscriptionPeriod&,
@@ -98,7 +99,7 @@ enum class SKProductDiscountPaymentMode : std::int32_t {
 enum class SKProductDiscountType : std::int32_t { introductory = 0, subscription = 1 };
 
 // An introductory offer or a promotional offer of a subscription.
-struct SKProductDiscount {
+struct VELQUIN_EXPORT SKProductDiscount {
   std::string identifier;  // empty for the introductory offer
   SKDecimalNumber price;
   SKPriceLocale priceLocale;
@@ -116,7 +117,7 @@ enum class SKProductType : std::int32_t {
   nonRenewing = 3
 };
 
-struct SKProduct {
+struct VELQUIN_EXPORT SKProduct {
   std::string productIdentifier;
   std::string localizedTitle;
   std::string localizedDescription;
@@ -134,7 +135,7 @@ using SKProductPtr = std::shared_ptr<const SKProduct>;
 // Payments and transactions
 
 // The signed parameters of a promotional offer.
-struct SKPaymentDiscount {
+struct VELQUIN_EXPORT SKPaymentDiscount {
   std::string identifier;      // the offer id
   std::string keyIdentifier;   // which signing key made the signature
   std::string nonce;           // UUID text
@@ -144,7 +145,7 @@ struct SKPaymentDiscount {
 
 // A request to buy a product. Immutable; SKMutablePayment adds setters.
 // Plain values: copy freely, any thread.
-class SKPayment {
+class VELQUIN_EXPORT SKPayment {
  public:
   explicit SKPayment(const SKProduct& product) : productIdentifier_(product.productIdentifier) {}
 
@@ -167,7 +168,7 @@ class SKPayment {
   bool simulatesAskToBuy_ = false;
 };
 
-class SKMutablePayment : public SKPayment {
+class VELQUIN_EXPORT SKMutablePayment : public SKPayment {
  public:
   explicit SKMutablePayment(const SKProduct& product) : SKPayment(product) {}
   explicit SKMutablePayment(std::string productIdentifier)
@@ -193,7 +194,7 @@ enum class SKPaymentTransactionState : std::int32_t {
   deferred = 4
 };
 
-struct SKPaymentTransaction {
+struct VELQUIN_EXPORT SKPaymentTransaction {
   std::string transactionIdentifier;
   SKPaymentTransactionState transactionState = SKPaymentTransactionState::purchasing;
   std::optional<std::chrono::system_clock::time_point> transactionDate;
@@ -208,7 +209,7 @@ class SKPaymentQueue;
 
 // Hears of the payment queue. The queue holds observers weakly (the app owns
 // them); every call runs on the main queue.
-class SKPaymentTransactionObserver {
+class VELQUIN_EXPORT SKPaymentTransactionObserver {
  public:
   virtual ~SKPaymentTransactionObserver() = default;
   virtual void updatedTransactions(SKPaymentQueue& queue,
@@ -229,7 +230,7 @@ class SKPaymentTransactionObserver {
 // Transactions stay in transactions() until finishTransaction(); an observer
 // added later is told at once of the finished-but-unacknowledged ones
 // (purchased, restored, failed).
-class SKPaymentQueue {
+class VELQUIN_EXPORT SKPaymentQueue {
  public:
   virtual ~SKPaymentQueue() = default;
 
@@ -255,19 +256,19 @@ class SKRequest;
 class SKProductsRequest;
 
 // Held weakly by its request; every call runs on the main queue.
-class SKRequestDelegate {
+class VELQUIN_EXPORT SKRequestDelegate {
  public:
   virtual ~SKRequestDelegate() = default;
   virtual void requestDidFinish(SKRequest& /*request*/) {}
   virtual void requestDidFailWithError(SKRequest& /*request*/, const Error& /*error*/) {}
 };
 
-struct SKProductsResponse {
+struct VELQUIN_EXPORT SKProductsResponse {
   std::vector<SKProductPtr> products;
   std::vector<std::string> invalidProductIdentifiers;
 };
 
-class SKProductsRequestDelegate : public SKRequestDelegate {
+class VELQUIN_EXPORT SKProductsRequestDelegate : public SKRequestDelegate {
  public:
   // Followed by requestDidFinish(). A failure calls only requestDidFailWithError().
   virtual void productsRequestDidReceiveResponse(SKProductsRequest& request,
@@ -277,7 +278,7 @@ class SKProductsRequestDelegate : public SKRequestDelegate {
 // One request to the store. Created through the subclasses' create(); a
 // started request keeps itself alive until it has answered or is cancelled,
 // and answers at most once, on the main queue. The delegate is held weakly.
-class SKRequest : public std::enable_shared_from_this<SKRequest> {
+class VELQUIN_EXPORT SKRequest : public std::enable_shared_from_this<SKRequest> {
  public:
   virtual ~SKRequest() = default;
   SKRequest(const SKRequest&) = delete;
@@ -304,7 +305,7 @@ class SKRequest : public std::enable_shared_from_this<SKRequest> {
   bool done_ = false;                          // guarded by mutex_ (answered or cancelled)
 };
 
-class SKProductsRequest final : public SKRequest {
+class VELQUIN_EXPORT SKProductsRequest final : public SKRequest {
  public:
   static std::shared_ptr<SKProductsRequest> create(std::set<std::string> productIdentifiers);
   const std::set<std::string>& productIdentifiers() const { return identifiers_; }
@@ -316,7 +317,7 @@ class SKProductsRequest final : public SKRequest {
 };
 
 // Asks the store to write a fresh receipt file (StoreKit::appStoreReceiptPath()).
-class SKReceiptRefreshRequest final : public SKRequest {
+class VELQUIN_EXPORT SKReceiptRefreshRequest final : public SKRequest {
  public:
   static std::shared_ptr<SKReceiptRefreshRequest> create();
 
@@ -330,7 +331,7 @@ class SKReceiptRefreshRequest final : public SKRequest {
 
 // What a store provides. Implementations are shared objects, safe to call from
 // any thread; every handler runs once, on the main queue.
-class StoreBackend {
+class VELQUIN_EXPORT StoreBackend {
  public:
   using ProductsHandler = std::function<void(SKProductsResponse, std::optional<Error>)>;
   using DoneHandler = std::function<void(std::optional<Error>)>;
@@ -345,7 +346,7 @@ class StoreBackend {
 };
 
 // The process-wide active store. Every member may be called from any thread.
-class StoreKit {
+class VELQUIN_EXPORT StoreKit {
  public:
   // The installed back end; on first use without one, the local store made
   // by LocalStore::createDefault().

@@ -10,6 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velquin/Export.h"
+
 namespace velquin {
 
 // The state of a store subscription; the raw value is the backend's.
@@ -32,7 +34,7 @@ enum class OVSubscriberStatus : std::int32_t {
   ActiveAutoRenOn = 5,
   ActiveButPause = 6,
 };
-std::optional<OVSubscriberStatus> subscriberStatusFromRaw(std::int32_t raw);
+VELQUIN_EXPORT std::optional<OVSubscriberStatus> subscriberStatusFromRaw(std::int32_t raw);
 
 enum class OVSubscriberSubStatus : std::int32_t {
   StandardSub = 0,
@@ -40,9 +42,9 @@ enum class OVSubscriberSubStatus : std::int32_t {
   Introductory = 2,
   SubOffer = 3,
 };
-std::optional<OVSubscriberSubStatus> subscriberSubStatusFromRaw(std::int32_t raw);
+VELQUIN_EXPORT std::optional<OVSubscriberSubStatus> subscriberSubStatusFromRaw(std::int32_t raw);
 
-struct OVEntitlement {
+struct VELQUIN_EXPORT OVEntitlement {
   std::string id;
   std::int64_t expireAt = 0;  // in the backend's unit
   bool isActive = false;
@@ -50,14 +52,14 @@ struct OVEntitlement {
   bool operator==(const OVEntitlement&) const = default;
 };
 
-struct OVSubscriptionOriginalTransaction {
+struct VELQUIN_EXPORT OVSubscriptionOriginalTransaction {
   std::string originalTxid;
   std::int64_t startAt = 0;
   std::int64_t expireAt = 0;
   bool operator==(const OVSubscriptionOriginalTransaction&) const = default;
 };
 
-struct OVSubscription {
+struct VELQUIN_EXPORT OVSubscription {
   std::string productId;
   OVSubscriberStatus status = OVSubscriberStatus::MissingPurchInfo;
   OVSubscriberSubStatus subStatus = OVSubscriberSubStatus::StandardSub;
@@ -69,7 +71,7 @@ struct OVSubscription {
 
 // productId, expireAt and isActive are those of the first entitlement. The
 // default value is the empty subscriber every failure hands over.
-struct OVSubscriber {
+struct VELQUIN_EXPORT OVSubscriber {
   std::string productId;
   std::int64_t expireAt = 0;
   bool isActive = false;

@@ -24,6 +24,7 @@
 #include <nlohmann/json.hpp>
 
 #include "velquin/Error.h"
+#include "velquin/Export.h"
 #include "velquin/Models.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/PagePresenter.h"
@@ -33,7 +34,7 @@
 namespace velquin {
 class OVAnalytics;
 
-class Velquin {
+class VELQUIN_EXPORT Velquin {
  public:
   static Velquin& shared();
 

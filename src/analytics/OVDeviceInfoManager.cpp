@@ -58,22 +58,22 @@ OVDeviceInfoManager::~OVDeviceInfoManager() {
 }
 
 std::string OVDeviceInfoManager::appKey() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return appKey_;
 }
 
 void OVDeviceInfoManager::setAppKey(const std::string& appKey) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   appKey_ = appKey;
 }
 
 std::string OVDeviceInfoManager::appsflyer_device_id() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return appsflyerDeviceId_;
 }
 
 void OVDeviceInfoManager::setAppsflyer_device_id(const std::string& id) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   appsflyerDeviceId_ = id;
 }
 
@@ -107,7 +107,7 @@ DeviceFacts OVDeviceInfoManager::deviceFacts() const {
     facts.availableStorageSize = storage->availableMB;
   }
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     facts.screenWidth = screenWidth_;
     facts.screenHeight = screenHeight_;
     facts.screenDensity = screenDensity_;
@@ -119,7 +119,7 @@ DeviceFacts OVDeviceInfoManager::deviceFacts() const {
 std::optional<std::string> OVDeviceInfoManager::carrierName() const {
   CarrierProvider carrier;
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     carrier = carrierProvider_;
   }
   std::optional<std::string> name;
@@ -129,12 +129,12 @@ std::optional<std::string> OVDeviceInfoManager::carrierName() const {
 }
 
 void OVDeviceInfoManager::setCarrierProvider(CarrierProvider provider) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   carrierProvider_ = std::move(provider);
 }
 
 void OVDeviceInfoManager::setScreen(std::int32_t width, std::int32_t height, double density) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   screenWidth_ = width;
   screenHeight_ = height;
   screenDensity_ = density;
@@ -146,14 +146,14 @@ bool OVDeviceInfoManager::startPublicAddressLookup(const std::optional<std::stri
   if (url.find("://") == std::string::npos) url = "https://" + url;
   while (!url.empty() && url.back() == '/') url.pop_back();
   url += kLookupPath;
-  std::lock_guard lock(lookupMutex_);
+  support::MutexLock lock(lookupMutex_);
   if (lookupThread_.joinable()) return false;
   lookupThread_ = std::thread([this, url] { lookUpPublicAddress(url); });
   return true;
 }
 
 void OVDeviceInfoManager::waitForPublicAddressLookup() {
-  std::lock_guard lock(lookupMutex_);
+  support::MutexLock lock(lookupMutex_);
   if (lookupThread_.joinable()) lookupThread_.join();
 }
 
@@ -206,41 +206,41 @@ void OVDeviceInfoManager::lookUpPublicAddress(const std::string& url) {
     return;
   }
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     extranetIp_ = ip;
   }
   support::printLine("OVDeviceInfoManager  get WAN IP Address: " + ip);
 }
 
 std::string OVDeviceInfoManager::userId() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return userId_;
 }
 
 void OVDeviceInfoManager::setUserId(const std::string& userId) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   userId_ = userId;
 }
 
 std::string OVDeviceInfoManager::idfa() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return idfa_;
 }
 
 void OVDeviceInfoManager::setIdfa(const std::string& idfa) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   idfa_ = idfa;
 }
 
 std::string OVDeviceInfoManager::extranetIp() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return extranetIp_;
 }
 
 std::string OVDeviceInfoManager::deviceIdentifier() {
   // Its own lock: the keychain may take a while (the Secret Service), and
   // the other fields must stay readable meanwhile.
-  std::lock_guard lock(deviceIdMutex_);
+  support::MutexLock lock(deviceIdMutex_);
   if (deviceId_) return *deviceId_;
   const std::string name = bundleIdentifier_.empty() ? kFallbackKeychainName : bundleIdentifier_;
   const std::string key = name + ".deviceID";
@@ -258,7 +258,7 @@ std::string OVDeviceInfoManager::deviceIdentifier() {
 std::optional<std::string> OVDeviceInfoManager::advertisingIdentifier() const {
   AdvertisingIdProvider provider;
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     provider = advertisingIdProvider_;
   }
   if (!provider) return std::nullopt;
@@ -268,7 +268,7 @@ std::optional<std::string> OVDeviceInfoManager::advertisingIdentifier() const {
 }
 
 void OVDeviceInfoManager::setAdvertisingIdProvider(AdvertisingIdProvider provider) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   advertisingIdProvider_ = std::move(provider);
 }
 

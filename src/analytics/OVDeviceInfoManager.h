@@ -23,6 +23,7 @@
 
 #include "backend/DeviceSource.h"
 #include "delivery/EventRequestBuilder.h"
+#include "support/Mutex.h"
 
 namespace velquin {
 namespace platform {
@@ -104,21 +105,21 @@ class OVDeviceInfoManager final : public DeviceSource {
 
   platform::Env& env_;
   const std::string bundleIdentifier_;
-  mutable std::mutex mutex_;
-  std::string userId_;                           // guarded by mutex_
-  std::string appKey_;                           // guarded by mutex_
-  std::string idfa_;                             // guarded by mutex_
-  std::string appsflyerDeviceId_;                // guarded by mutex_
-  std::string extranetIp_;                       // guarded by mutex_
-  AdvertisingIdProvider advertisingIdProvider_;  // guarded by mutex_
-  CarrierProvider carrierProvider_;              // guarded by mutex_
-  std::int32_t screenWidth_ = 0;                 // guarded by mutex_
-  std::int32_t screenHeight_ = 0;                // guarded by mutex_
-  double screenDensity_ = 0;                     // guarded by mutex_
-  std::mutex deviceIdMutex_;
-  std::optional<std::string> deviceId_;  // guarded by deviceIdMutex_
-  std::thread lookupThread_;             // guarded by lookupMutex_
-  std::mutex lookupMutex_;
+  mutable support::Mutex mutex_;
+  std::string userId_ GUARDED_BY(mutex_);
+  std::string appKey_ GUARDED_BY(mutex_);
+  std::string idfa_ GUARDED_BY(mutex_);
+  std::string appsflyerDeviceId_ GUARDED_BY(mutex_);
+  std::string extranetIp_ GUARDED_BY(mutex_);
+  AdvertisingIdProvider advertisingIdProvider_ GUARDED_BY(mutex_);
+  CarrierProvider carrierProvider_ GUARDED_BY(mutex_);
+  std::int32_t screenWidth_ GUARDED_BY(mutex_) = 0;
+  std::int32_t screenHeight_ GUARDED_BY(mutex_) = 0;
+  double screenDensity_ GUARDED_BY(mutex_) = 0;
+  support::Mutex deviceIdMutex_;
+  std::optional<std::string> deviceId_ GUARDED_BY(deviceIdMutex_);
+  std::thread lookupThread_ GUARDED_BY(lookupMutex_);
+  support::Mutex lookupMutex_;
   std::atomic<bool> stopLookup_{false};  // set by the destructor, read by the lookup
 };
 

@@ -13,22 +13,22 @@ OVDeviceInfoManagerHelper& OVDeviceInfoManagerHelper::sharedManager() {
 OVDeviceInfoManagerHelper::OVDeviceInfoManagerHelper(platform::Env& env) : env_(env) {}
 
 std::string OVDeviceInfoManagerHelper::appKey() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return appKey_;
 }
 
 std::string OVDeviceInfoManagerHelper::tag() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return tag_;
 }
 
 void OVDeviceInfoManagerHelper::setNewAppKey(const std::string& appKey) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   appKey_ = appKey;
 }
 
 void OVDeviceInfoManagerHelper::setTag(const std::string& tag) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   tag_ = tag;
 }
 
@@ -37,14 +37,14 @@ std::string OVDeviceInfoManagerHelper::getMacAddress() const {
 }
 
 std::shared_ptr<Reachability> OVDeviceInfoManagerHelper::reachability() {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   if (!reachability_)
     reachability_ = Reachability::reachabilityWithSource(env_.internetFlagSource());
   return reachability_;
 }
 
 void OVDeviceInfoManagerHelper::setReachability(std::shared_ptr<Reachability> reachability) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   reachability_ = std::move(reachability);
 }
 

@@ -14,6 +14,8 @@
 #include <mutex>
 #include <string>
 
+#include "support/Mutex.h"
+
 namespace velquin {
 namespace platform {
 class Env;
@@ -59,10 +61,10 @@ class OVDeviceInfoManagerHelper {
 
  private:
   platform::Env& env_;
-  mutable std::mutex mutex_;
-  std::string appKey_;                          // guarded by mutex_
-  std::string tag_;                             // guarded by mutex_
-  std::shared_ptr<Reachability> reachability_;  // guarded by mutex_
+  mutable support::Mutex mutex_;
+  std::string appKey_ GUARDED_BY(mutex_);
+  std::string tag_ GUARDED_BY(mutex_);
+  std::shared_ptr<Reachability> reachability_ GUARDED_BY(mutex_);
 };
 
 }  // namespace velquin

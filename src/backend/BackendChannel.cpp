@@ -13,8 +13,8 @@ namespace velquin {
 
 const std::string& systemRootCertificates() {
   static const std::string roots = [] {
-    for (const char* file : {"/etc/ssl/certs/ca-certificates.crt", "/etc/pki/tls/certs/ca-bundle.crt",
-                             "/etc/ssl/cert.pem"}) {
+    for (const char* file : {"/etc/ssl/certs/ca-certificates.crt",
+                             "/etc/pki/tls/certs/ca-bundle.crt", "/etc/ssl/cert.pem"}) {
       std::ifstream in(file);
       if (!in) continue;
       std::ostringstream text;
@@ -43,8 +43,7 @@ std::shared_ptr<grpc::Channel> backendChannel(const std::string& address,
   }
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);  // retries are the callers' business
-  auto channel =
-      grpc::CreateCustomChannel(address, grpc::SslCredentials(options), arguments);
+  auto channel = grpc::CreateCustomChannel(address, grpc::SslCredentials(options), arguments);
   // Start connecting now, off the caller's thread: the first connection
   // builds the TLS context from every trusted root (tens of milliseconds),
   // which the first call would otherwise wait for.

@@ -54,12 +54,12 @@ GRPCserviceManager::GRPCserviceManager(const Bundle& bundle, DeviceSource& devic
 }
 
 std::string GRPCserviceManager::appKey() const {
-  std::lock_guard lock(appKeyMutex_);
+  support::MutexLock lock(appKeyMutex_);
   return appKey_;
 }
 
 void GRPCserviceManager::setAppKey(const std::string& appKey) {
-  std::lock_guard lock(appKeyMutex_);
+  support::MutexLock lock(appKeyMutex_);
   appKey_ = appKey;
 }
 

@@ -20,6 +20,7 @@
 #include "NotificationRoot.grpc.pb.h"
 #include "SubscriberRoot.grpc.pb.h"
 #include "backend/UnaryCall.h"
+#include "support/Mutex.h"
 #include "velquin/Error.h"
 
 namespace velquin {
@@ -81,8 +82,8 @@ class GRPCserviceManager {
 
   DeviceSource& deviceInfo_;
   platform::Env& env_;
-  mutable std::mutex appKeyMutex_;
-  std::string appKey_;            // guarded by appKeyMutex_
+  mutable support::Mutex appKeyMutex_;
+  std::string appKey_ GUARDED_BY(appKeyMutex_);
   std::string app_id_;            // set in the constructor, then read-only
   std::string serverUrl_;         // set in the constructor, then read-only
   std::string rootCertificates_;  // set in the constructor, then read-only

@@ -8,14 +8,14 @@ namespace velquin::platform {
 FileKeychain::FileKeychain(std::filesystem::path file) : file_(std::move(file)) {}
 
 std::optional<std::string> FileKeychain::load(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   auto list = PropertyList::load(file_);
   if (!list) return std::nullopt;
   return list->string(key);
 }
 
 bool FileKeychain::save(const std::string& key, const std::string& value) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   PropertyList::LoadError error{};
   auto list = PropertyList::load(file_, &error);
   if (!list) {

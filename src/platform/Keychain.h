@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 
+#include "support/Mutex.h"
+
 namespace velquin::platform {
 
 class Keychain {
@@ -30,7 +32,7 @@ class FileKeychain final : public Keychain {
 
  private:
   const std::filesystem::path file_;
-  std::mutex mutex_;  // serialises read-modify-write of file_
+  support::Mutex mutex_;  // serialises read-modify-write of file_
 };
 
 }  // namespace velquin::platform

@@ -1,3 +1,4 @@
+#include "support/Mutex.h"
 #include "velquin/MainQueue.h"
 
 #include <glib.h>
@@ -22,23 +23,23 @@ struct MainQueue::State : std::enable_shared_from_this<MainQueue::State> {
   std::thread thread;
   std::thread::id threadId;  // written before the thread starts, then read-only
 
-  std::mutex mutex;
-  std::deque<std::function<void()>> tasks;  // guarded by mutex
-  bool drainScheduled = false;              // guarded by mutex
-  std::map<TimerId, Timer> timers;          // guarded by mutex
-  TimerId nextTimer = 1;                    // guarded by mutex
+  support::Mutex mutex;
+  std::deque<std::function<void()>> tasks GUARDED_BY(mutex);
+  bool drainScheduled GUARDED_BY(mutex) = false;
+  std::map<TimerId, Timer> timers GUARDED_BY(mutex);
+  TimerId nextTimer GUARDED_BY(mutex) = 1;
   NowFunction now = [] { return Clock::now(); };  // guarded by mutex
-  GSource* wakeup = nullptr;  // owned by the queue thread
+  GSource* wakeup = nullptr;                      // owned by the queue thread
 
   Clock::time_point currentTime() {
-    std::lock_guard lock(mutex);
+    support::MutexLock lock(mutex);
     return now();
   }
 
   void post(std::function<void()> task) {
     bool schedule = false;
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       tasks.push_back(std::move(task));
       schedule = !drainScheduled;
       drainScheduled = true;
@@ -66,7 +67,7 @@ struct MainQueue::State : std::enable_shared_from_this<MainQueue::State> {
     for (;;) {
       std::function<void()> task;
       {
-        std::lock_guard lock(mutex);
+        support::MutexLock lock(mutex);
         if (tasks.empty()) {
           drainScheduled = false;
           return;
@@ -84,7 +85,7 @@ struct MainQueue::State : std::enable_shared_from_this<MainQueue::State> {
     for (;;) {
       std::function<void()> task;
       {
-        std::lock_guard lock(mutex);
+        support::MutexLock lock(mutex);
         auto nowValue = now();
         auto due = timers.end();
         for (auto it = timers.begin(); it != timers.end(); ++it) {
@@ -114,7 +115,7 @@ struct MainQueue::State : std::enable_shared_from_this<MainQueue::State> {
     }
     Clock::duration wait;
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       if (timers.empty()) return;
       auto earliest = timers.begin()->second.deadline;
       for (const auto& [id, timer] : timers) earliest = std::min(earliest, timer.deadline);
@@ -137,7 +138,7 @@ struct MainQueue::State : std::enable_shared_from_this<MainQueue::State> {
                    std::function<void()> task) {
     TimerId id;
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       id = nextTimer++;
       timers[id] = Timer{now() + delay, interval, std::move(task)};
     }
@@ -188,7 +189,9 @@ MainQueue::~MainQueue() {
   g_main_context_unref(state_->context);
 }
 
-void MainQueue::async(std::function<void()> task) { state_->post(std::move(task)); }
+void MainQueue::async(std::function<void()> task) {
+  state_->post(std::move(task));
+}
 
 void MainQueue::sync(const std::function<void()>& task) {
   if (isCurrent()) {
@@ -214,17 +217,21 @@ MainQueue::TimerId MainQueue::every(std::chrono::milliseconds interval,
 }
 
 void MainQueue::cancel(TimerId id) {
-  std::lock_guard lock(state_->mutex);
+  support::MutexLock lock(state_->mutex);
   state_->timers.erase(id);
 }
 
-bool MainQueue::isCurrent() const { return state_->isCurrent(); }
+bool MainQueue::isCurrent() const {
+  return state_->isCurrent();
+}
 
-GMainContext* MainQueue::context() const { return state_->context; }
+GMainContext* MainQueue::context() const {
+  return state_->context;
+}
 
 void MainQueue::setNowFunction(NowFunction now) {
   {
-    std::lock_guard lock(state_->mutex);
+    support::MutexLock lock(state_->mutex);
     state_->now = now ? std::move(now) : NowFunction([] { return Clock::now(); });
   }
   fireDueTimers();

@@ -90,9 +90,10 @@ GDBusConnection* sessionBus(std::chrono::milliseconds timeout) {
       return nullptr;  // GLib would try to autolaunch a bus; never do that
     }
   }
-  GAsyncResult* result = runBounded(timeout, [](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
-    g_bus_get(G_BUS_TYPE_SESSION, c, cb, d);
-  });
+  GAsyncResult* result =
+      runBounded(timeout, [](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
+        g_bus_get(G_BUS_TYPE_SESSION, c, cb, d);
+      });
   if (!result) return nullptr;
   GError* error = nullptr;
   GDBusConnection* bus = g_bus_get_finish(result, &error);
@@ -105,7 +106,8 @@ GDBusConnection* sessionBus(std::chrono::milliseconds timeout) {
 // Calls one method of the bus itself; the reply or null.
 GVariant* callBus(GDBusConnection* bus, const char* method, GVariant* parameters,
                   const GVariantType* replyType, std::chrono::milliseconds timeout) {
-  GAsyncResult* result = runBounded(timeout, [&](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
+  GAsyncResult* result = runBounded(timeout, [&](GCancellable* c, GAsyncReadyCallback cb,
+                                                 gpointer d) {
     g_dbus_connection_call(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                            "org.freedesktop.DBus", method, parameters, replyType,
                            G_DBUS_CALL_FLAGS_NONE, static_cast<gint>(timeout.count()), c, cb, d);
@@ -131,16 +133,17 @@ bool SecretKeychain::serviceAvailable(std::chrono::milliseconds timeout) {
   GDBusConnection* bus = sessionBus(timeout);
   if (!bus) return false;
   bool available = false;
-  if (GVariant* reply = callBus(bus, "NameHasOwner", g_variant_new("(s)", "org.freedesktop.secrets"),
-                                G_VARIANT_TYPE("(b)"), timeout)) {
+  if (GVariant* reply =
+          callBus(bus, "NameHasOwner", g_variant_new("(s)", "org.freedesktop.secrets"),
+                  G_VARIANT_TYPE("(b)"), timeout)) {
     gboolean owned = FALSE;
     g_variant_get(reply, "(b)", &owned);
     available = owned != FALSE;
     g_variant_unref(reply);
   }
   if (!available) {
-    if (GVariant* reply = callBus(bus, "ListActivatableNames", nullptr, G_VARIANT_TYPE("(as)"),
-                                  timeout)) {
+    if (GVariant* reply =
+            callBus(bus, "ListActivatableNames", nullptr, G_VARIANT_TYPE("(as)"), timeout)) {
       GVariantIter* names = nullptr;
       g_variant_get(reply, "(as)", &names);
       const gchar* name = nullptr;
@@ -156,9 +159,10 @@ bool SecretKeychain::serviceAvailable(std::chrono::milliseconds timeout) {
 }
 
 SecretKeychain::Outcome SecretKeychain::lookup(const std::string& key, std::string* value) {
-  GAsyncResult* result = runBounded(timeout_, [&](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
-    secret_password_lookup(keychainSchema(), c, cb, d, kAttribute, key.c_str(), nullptr);
-  });
+  GAsyncResult* result =
+      runBounded(timeout_, [&](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
+        secret_password_lookup(keychainSchema(), c, cb, d, kAttribute, key.c_str(), nullptr);
+      });
   if (!result) {
     warnOnce("the Secret Service did not answer");
     return Outcome::failed;
@@ -179,10 +183,11 @@ SecretKeychain::Outcome SecretKeychain::lookup(const std::string& key, std::stri
 
 bool SecretKeychain::store(const std::string& key, const std::string& value) {
   const std::string label = "Velquin " + key;
-  GAsyncResult* result = runBounded(timeout_, [&](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
-    secret_password_store(keychainSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(), value.c_str(),
-                          c, cb, d, kAttribute, key.c_str(), nullptr);
-  });
+  GAsyncResult* result =
+      runBounded(timeout_, [&](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
+        secret_password_store(keychainSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(),
+                              value.c_str(), c, cb, d, kAttribute, key.c_str(), nullptr);
+      });
   if (!result) {
     warnOnce("the Secret Service did not answer");
     return false;
@@ -199,7 +204,7 @@ bool SecretKeychain::store(const std::string& key, const std::string& value) {
 }
 
 std::optional<std::string> SecretKeychain::load(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   std::string value;
   if (lookup(key, &value) == Outcome::found) return value;
   // Missing or failed: a value saved while the service was away is in the file.
@@ -208,7 +213,7 @@ std::optional<std::string> SecretKeychain::load(const std::string& key) {
 }
 
 bool SecretKeychain::save(const std::string& key, const std::string& value) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   if (store(key, value)) return true;
   return fallback_ && fallback_->save(key, value);
 }

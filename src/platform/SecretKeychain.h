@@ -21,6 +21,7 @@
 #include <string>
 
 #include "platform/Keychain.h"
+#include "support/Mutex.h"
 
 namespace velquin::platform {
 
@@ -44,14 +45,14 @@ class SecretKeychain final : public Keychain {
 
  private:
   enum class Outcome { found, missing, failed };
-  Outcome lookup(const std::string& key, std::string* value);
-  bool store(const std::string& key, const std::string& value);
-  void warnOnce(const std::string& why);
+  Outcome lookup(const std::string& key, std::string* value) REQUIRES(mutex_);
+  bool store(const std::string& key, const std::string& value) REQUIRES(mutex_);
+  void warnOnce(const std::string& why) REQUIRES(mutex_);
 
   const std::unique_ptr<Keychain> fallback_;  // read-only pointer; the object locks itself
   const std::chrono::milliseconds timeout_;
-  std::mutex mutex_;
-  bool warned_ = false;  // guarded by mutex_
+  support::Mutex mutex_;
+  bool warned_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace velquin::platform

@@ -34,17 +34,17 @@ UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)) 
 }
 
 std::optional<std::string> UserDefaults::stringForKey(const std::string& key) const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return values_.string(key);
 }
 
 bool UserDefaults::boolForKey(const std::string& key) const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return values_.boolean(key).value_or(false);
 }
 
 std::optional<Bytes> UserDefaults::dataForKey(const std::string& key) const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return values_.data(key);
 }
 
@@ -52,18 +52,22 @@ void UserDefaults::setString(const std::string& key, const std::string& value) {
   setValue(key, value);
 }
 
-void UserDefaults::setBool(const std::string& key, bool value) { setValue(key, value); }
+void UserDefaults::setBool(const std::string& key, bool value) {
+  setValue(key, value);
+}
 
-void UserDefaults::setData(const std::string& key, const Bytes& value) { setValue(key, value); }
+void UserDefaults::setData(const std::string& key, const Bytes& value) {
+  setValue(key, value);
+}
 
 void UserDefaults::removeObjectForKey(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   values_.remove(key);
   persistLocked();
 }
 
 void UserDefaults::setValue(const std::string& key, PlistValue value) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   values_.set(key, std::move(value));
   persistLocked();
 }

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "platform/PropertyList.h"
+#include "support/Mutex.h"
 
 namespace velquin::platform {
 
@@ -36,11 +37,11 @@ class UserDefaults {
 
  private:
   void setValue(const std::string& key, PlistValue value);
-  void persistLocked();
+  void persistLocked() REQUIRES(mutex_);
 
   const std::filesystem::path file_;
-  mutable std::mutex mutex_;
-  PropertyList values_;  // guarded by mutex_
+  mutable support::Mutex mutex_;
+  PropertyList values_ GUARDED_BY(mutex_);
 };
 
 }  // namespace velquin::platform

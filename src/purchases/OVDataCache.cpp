@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "support/OVUtils.h"
 #include "platform/UserDefaults.h"
+#include "support/OVUtils.h"
 #include "velquin/NotificationCenter.h"
 
 namespace velquin {
@@ -11,33 +11,33 @@ namespace velquin {
 OVDataCache::OVDataCache(platform::UserDefaults& defaults) : defaults_(defaults) {}
 
 std::optional<std::vector<std::string>> OVDataCache::productIdsArray() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return productIdsArray_;
 }
 
 void OVDataCache::setProductIdsArray(std::optional<std::vector<std::string>> ids) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   productIdsArray_ = std::move(ids);
 }
 
 std::optional<std::string> OVDataCache::paywallPage() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return paywallPage_;
 }
 
 void OVDataCache::setPaywallPage(std::optional<std::string> page) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   paywallPage_ = std::move(page);
 }
 
 std::optional<std::string> OVDataCache::welcomePage() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return welcomePage_;
 }
 
 void OVDataCache::setWelcomePage(std::optional<std::string> page) {
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     welcomePage_ = page;
   }
   auto stored = defaults_.dataForKey(kWelcomePageKey);
@@ -68,7 +68,7 @@ iap::ProductInfo OVDataCache::productInfoFor(const SKProduct& product) {
 }
 
 void OVDataCache::storeProducts(const std::vector<SKProductPtr>& products) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   for (const auto& product : products) {
     if (!product) continue;
     const std::string& id = product->productIdentifier;
@@ -86,71 +86,71 @@ void OVDataCache::storeProducts(const std::vector<SKProductPtr>& products) {
 }
 
 std::map<std::string, iap::ProductInfo> OVDataCache::productInfo() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return productInfo_;
 }
 
 std::vector<iap::ProductInfo> OVDataCache::productInfoList() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   std::vector<iap::ProductInfo> list;
   for (const auto& [id, info] : productInfo_) list.push_back(info);
   return list;
 }
 
 std::map<std::string, SKProductPtr> OVDataCache::productSKProduct() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return productSKProduct_;
 }
 
 SKProductPtr OVDataCache::product(const std::string& productId) const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   auto it = productSKProduct_.find(productId);
   return it == productSKProduct_.end() ? nullptr : it->second;
 }
 
 std::set<std::string> OVDataCache::productIDs() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return productIDs_;
 }
 
 std::vector<SKProductPtr> OVDataCache::skProducts() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return skProducts_;
 }
 
 std::optional<OVProduct> OVDataCache::productIMProduct() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return productIMProduct_;
 }
 
 void OVDataCache::setProductIMProduct(std::optional<OVProduct> product) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   productIMProduct_ = std::move(product);
 }
 
 std::optional<OVDataCache::TimePoint> OVDataCache::lastEntitlmentUpdateTime() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return lastEntitlmentUpdateTime_;
 }
 
 void OVDataCache::setLastEntitlmentUpdateTime(std::optional<TimePoint> time) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   lastEntitlmentUpdateTime_ = time;
 }
 
 std::optional<OVDataCache::TimePoint> OVDataCache::lastProductUpdateTime() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return lastProductUpdateTime_;
 }
 
 void OVDataCache::setLastProductUpdateTime(std::optional<TimePoint> time) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   lastProductUpdateTime_ = time;
 }
 
 void OVDataCache::invalidateCache() {
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     productIMProduct_.reset();
     lastProductUpdateTime_.reset();
     lastEntitlmentUpdateTime_.reset();

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "SubscriberRoot.pb.h"
+#include "support/Mutex.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/StoreKit.h"
 
@@ -75,17 +76,17 @@ class OVDataCache {
 
  private:
   platform::UserDefaults& defaults_;
-  mutable std::mutex mutex_;
-  std::optional<std::vector<std::string>> productIdsArray_;  // guarded by mutex_
-  std::optional<std::string> paywallPage_;                   // guarded by mutex_
-  std::optional<std::string> welcomePage_;                   // guarded by mutex_
-  std::map<std::string, iap::ProductInfo> productInfo_;      // guarded by mutex_
-  std::map<std::string, SKProductPtr> productSKProduct_;     // guarded by mutex_
-  std::set<std::string> productIDs_;                         // guarded by mutex_
-  std::vector<SKProductPtr> skProducts_;                     // guarded by mutex_
-  std::optional<OVProduct> productIMProduct_;                // guarded by mutex_
-  std::optional<TimePoint> lastEntitlmentUpdateTime_;        // guarded by mutex_
-  std::optional<TimePoint> lastProductUpdateTime_;           // guarded by mutex_
+  mutable support::Mutex mutex_;
+  std::optional<std::vector<std::string>> productIdsArray_ GUARDED_BY(mutex_);
+  std::optional<std::string> paywallPage_ GUARDED_BY(mutex_);
+  std::optional<std::string> welcomePage_ GUARDED_BY(mutex_);
+  std::map<std::string, iap::ProductInfo> productInfo_ GUARDED_BY(mutex_);
+  std::map<std::string, SKProductPtr> productSKProduct_ GUARDED_BY(mutex_);
+  std::set<std::string> productIDs_ GUARDED_BY(mutex_);
+  std::vector<SKProductPtr> skProducts_ GUARDED_BY(mutex_);
+  std::optional<OVProduct> productIMProduct_ GUARDED_BY(mutex_);
+  std::optional<TimePoint> lastEntitlmentUpdateTime_ GUARDED_BY(mutex_);
+  std::optional<TimePoint> lastProductUpdateTime_ GUARDED_BY(mutex_);
 };
 
 }  // namespace velquin

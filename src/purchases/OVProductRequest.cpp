@@ -14,7 +14,7 @@ void OVProductRequest::fetchProducts(const std::set<std::string>& productIds,
   // Listed before the request starts, so an answer can never overtake its
   // entry and leave the caller waiting forever.
   {
-    std::lock_guard lock(lock_);
+    support::MutexLock lock(lock_);
     productsRequestCompletionHandlerObjects_.emplace_back(request, std::move(completion));
   }
   request->setDelegate(weak_from_this());
@@ -22,14 +22,14 @@ void OVProductRequest::fetchProducts(const std::set<std::string>& productIds,
 }
 
 std::size_t OVProductRequest::pendingCount() const {
-  std::lock_guard lock(lock_);
+  support::MutexLock lock(lock_);
   return productsRequestCompletionHandlerObjects_.size();
 }
 
 std::vector<OVProductsRequestCompletionHandlerObject> OVProductRequest::takeEntries(
     const SKRequest& request) {
   std::vector<OVProductsRequestCompletionHandlerObject> taken;
-  std::lock_guard lock(lock_);
+  support::MutexLock lock(lock_);
   auto& entries = productsRequestCompletionHandlerObjects_;
   for (auto it = entries.begin(); it != entries.end();) {
     if (it->productsRequest.get() == &request) {

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Mutex.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin {
@@ -60,7 +61,7 @@ class OVProductRequest final : public SKProductsRequestDelegate,
   // Removes and returns the entries of `request`.
   std::vector<OVProductsRequestCompletionHandlerObject> takeEntries(const SKRequest& request);
 
-  mutable std::mutex lock_;
+  mutable support::Mutex lock_;
   // Fetches whose answer has not arrived, oldest first. Guarded by lock_.
   std::vector<OVProductsRequestCompletionHandlerObject> productsRequestCompletionHandlerObjects_;
 };

@@ -26,13 +26,6 @@ bool isRestored(const SKPaymentTransaction& transaction) {
   return transaction.transactionState == SKPaymentTransactionState::restored;
 }
 
-// Empties a completion slot and hands back what it held.
-template <class Completion>
-Completion take(std::mutex& mutex, Completion& slot) {
-  std::lock_guard lock(mutex);
-  return std::exchange(slot, nullptr);
-}
-
 // The subscriber of a backend answer; the empty subscriber without one.
 // The conversion writes the process's activity flag.
 OVSubscriber subscriberFrom(const iap::Subscriber* reply) {
@@ -77,36 +70,39 @@ void OVPurchaseImpl::configureInitSDKWithVelQuinPlist() {
   configureSDK(*token);
 }
 
-void OVPurchaseImpl::registerBigDataGetAccessToken() { configureInitSDKWithVelQuinPlist(); }
+void OVPurchaseImpl::registerBigDataGetAccessToken() {
+  configureInitSDKWithVelQuinPlist();
+}
 
 void OVPurchaseImpl::configureSDK(const std::string& appKey) {
   networkManager_->setAppKey(appKey);
   log("Geting initInfo data from server");
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
-  networkManager_->init(userDataManager_->userId(), [weak](
-                                                        std::optional<iap::GetInitInfoResponse> reply,
-                                                        std::optional<Error>) {
-    // An Init failure leaves the tag empty and the chain goes on.
-    OVUtils::shared().setVelquinSDkInit_tag(reply ? reply->tag() : std::string());
-    auto self = weak.lock();
-    if (!self) return;
-    if (self->analytics_) self->analytics_->startAnalytics();
-    log("Geting subscriber data from server");
-    // Only the activity flag takes note of this answer.
-    self->networkManager_->getSubscriber(
-        self->userDataManager_->userId(),
-        [](std::optional<iap::Subscriber> subscriber, std::optional<Error>, std::int64_t) {
-          subscriberFrom(subscriber ? &*subscriber : nullptr);
-        });
-    self->networkManager_->getAppConfig(
-        [weak](std::optional<iap::GetAppConfigResponse> config, std::optional<Error> error) {
-          if (auto owner = weak.lock()) owner->handleAppConfig(config ? &*config : nullptr, error);
-        });
-  });
+  networkManager_->init(
+      userDataManager_->userId(),
+      [weak](std::optional<iap::GetInitInfoResponse> reply, std::optional<Error>) {
+        // An Init failure leaves the tag empty and the chain goes on.
+        OVUtils::shared().setVelquinSDkInit_tag(reply ? reply->tag() : std::string());
+        auto self = weak.lock();
+        if (!self) return;
+        if (self->analytics_) self->analytics_->startAnalytics();
+        log("Geting subscriber data from server");
+        // Only the activity flag takes note of this answer.
+        self->networkManager_->getSubscriber(
+            self->userDataManager_->userId(),
+            [](std::optional<iap::Subscriber> subscriber, std::optional<Error>, std::int64_t) {
+              subscriberFrom(subscriber ? &*subscriber : nullptr);
+            });
+        self->networkManager_->getAppConfig(
+            [weak](std::optional<iap::GetAppConfigResponse> config, std::optional<Error> error) {
+              if (auto owner = weak.lock())
+                owner->handleAppConfig(config ? &*config : nullptr, error);
+            });
+      });
 }
 
 void OVPurchaseImpl::handleAppConfig(const iap::GetAppConfigResponse* reply,
-                                 const std::optional<Error>& error) {
+                                     const std::optional<Error>& error) {
   if (error || !reply) {
     log("getAppConfig fail:" + (error ? error->localizedDescription() : std::string()));
   } else {
@@ -130,9 +126,13 @@ void OVPurchaseImpl::handleAppConfig(const iap::GetAppConfigResponse* reply,
   NotificationCenter::defaultCenter().post(kAppConfigHandledNotification);
 }
 
-std::string OVPurchaseImpl::appUserId() const { return userDataManager_->userId(); }
+std::string OVPurchaseImpl::appUserId() const {
+  return userDataManager_->userId();
+}
 
-void OVPurchaseImpl::enableLog(bool enabled) { OVUtils::enableLogs(enabled); }
+void OVPurchaseImpl::enableLog(bool enabled) {
+  OVUtils::enableLogs(enabled);
+}
 
 bool OVPurchaseImpl::isSandbox() const {
   auto receipt = StoreKit::appStoreReceiptPath();
@@ -140,8 +140,8 @@ bool OVPurchaseImpl::isSandbox() const {
 }
 
 void OVPurchaseImpl::uploadUserInfo(const std::optional<std::string>& userId,
-                                const nlohmann::json& extraAttribute,
-                                std::function<void(bool, std::optional<Error>)> completion) {
+                                    const nlohmann::json& extraAttribute,
+                                    std::function<void(bool, std::optional<Error>)> completion) {
   log("UserInfo data reporting in progress");
   if (userId) userDataManager_->setUserId(*userId);
   auto attribute = OVCFunctionToolHelper::DataTOjsonString(extraAttribute).value_or("");
@@ -154,7 +154,7 @@ void OVPurchaseImpl::uploadUserInfo(const std::optional<std::string>& userId,
 void OVPurchaseImpl::purchaseSKProduct(const SKProduct& product, TransactionCompletion completion) {
   log("Starting purchase procces. Product id : " + product.productIdentifier);
   {
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     transactionCompletion_ = std::move(completion);
   }
   storeKitWrapper_->paymentQueue().addPayment(SKPayment(product));
@@ -165,7 +165,7 @@ void OVPurchaseImpl::purchaseSKProductWithDiscount(
     const std::optional<std::string>& applicationUsername, TransactionCompletion completion) {
   log("Starting purchase procces. Product id : " + product.productIdentifier);
   {
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     transactionCompletion_ = std::move(completion);
   }
   SKMutablePayment payment(product);
@@ -175,27 +175,28 @@ void OVPurchaseImpl::purchaseSKProductWithDiscount(
 }
 
 void OVPurchaseImpl::purchaseFetchReceiptSKProduct(const SKProduct& product,
-                                               FetchReceiptCompletion completion) {
+                                                   FetchReceiptCompletion completion) {
   log("Starting purchase get fetch receipt procces. Product id : " + product.productIdentifier);
   {
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     fetchReceiptCompletion_ = std::move(completion);
   }
   storeKitWrapper_->paymentQueue().addPayment(SKPayment(product));
 }
 
 void OVPurchaseImpl::addMonitorTransationCompletionHandler(FetchReceiptCompletion completion) {
-  std::lock_guard lock(slotsMutex_);
+  support::MutexLock lock(slotsMutex_);
   monitorTransationCompletion_ = std::move(completion);
 }
 
 void OVPurchaseImpl::finishTransactions(const std::vector<SKPaymentTransactionPtr>& transactions) {
   finishUnlessPurchasing(transactions);
-  std::lock_guard lock(slotsMutex_);
+  support::MutexLock lock(slotsMutex_);
   fetchReceiptCompletion_ = nullptr;
 }
 
-void OVPurchaseImpl::finishUnlessPurchasing(const std::vector<SKPaymentTransactionPtr>& transactions) {
+void OVPurchaseImpl::finishUnlessPurchasing(
+    const std::vector<SKPaymentTransactionPtr>& transactions) {
   for (const auto& transaction : transactions) {
     if (transaction && transaction->transactionState != SKPaymentTransactionState::purchasing) {
       storeKitWrapper_->paymentQueue().finishTransaction(transaction);
@@ -206,7 +207,7 @@ void OVPurchaseImpl::finishUnlessPurchasing(const std::vector<SKPaymentTransacti
 void OVPurchaseImpl::restorePurchases(SubscriberCompletion completion) {
   log("Starting purchases restore proccess");
   {
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     restoreCompletion_ = std::move(completion);
   }
   storeKitWrapper_->restore();
@@ -224,7 +225,7 @@ void OVPurchaseImpl::storeKitWrapperDidUpdateTransaction(
     const std::vector<SKPaymentTransactionPtr>& transactions) {
   if (isRestored(*transaction)) {
     // The end of the restore is answered by this verification.
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     ++restoreVerificationsPending_;
   }
   if (receipt) {
@@ -251,24 +252,24 @@ void OVPurchaseImpl::storeKitWrapperDidUpdateTransaction(
 }
 
 void OVPurchaseImpl::verify(const ReceiptData& receipt, const SKPaymentTransactionPtr& transaction,
-                        const std::vector<SKPaymentTransactionPtr>& transactions) {
+                            const std::vector<SKPaymentTransactionPtr>& transactions) {
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
   networkManager_->verifyReceipt(
       receipt, userDataManager_->userId(), dataCache_->productInfoList(),
       [weak, transaction, transactions, receipt](std::optional<iap::Subscriber> reply,
                                                  std::optional<Error> error) {
         if (auto self = weak.lock()) {
-          self->completeVerification(transaction, transactions, receipt,
-                                     reply ? &*reply : nullptr, error);
+          self->completeVerification(transaction, transactions, receipt, reply ? &*reply : nullptr,
+                                     error);
         }
       });
 }
 
 void OVPurchaseImpl::completeVerification(const SKPaymentTransactionPtr& transaction,
-                                      const std::vector<SKPaymentTransactionPtr>& transactions,
-                                      const std::optional<ReceiptData>& receipt,
-                                      const iap::Subscriber* reply,
-                                      const std::optional<Error>& error) {
+                                          const std::vector<SKPaymentTransactionPtr>& transactions,
+                                          const std::optional<ReceiptData>& receipt,
+                                          const iap::Subscriber* reply,
+                                          const std::optional<Error>& error) {
   const std::string& productId = transaction->payment.productIdentifier();
   log("Purchase completed:" + productId);
   OVSubscriber subscriber = subscriberFrom(reply);
@@ -279,11 +280,10 @@ void OVPurchaseImpl::completeVerification(const SKPaymentTransactionPtr& transac
   if (isRestored(*transaction)) {
     answerRestore(std::move(subscriber), error, true);
   } else {
-    if (auto completion = take(slotsMutex_, transactionCompletion_)) {
+    if (auto completion = takeSlot(&OVPurchaseImpl::transactionCompletion_)) {
       completion(transaction, subscriber, error, false);
     }
-    if (reply && !error &&
-        transaction->transactionState == SKPaymentTransactionState::purchased) {
+    if (reply && !error && transaction->transactionState == SKPaymentTransactionState::purchased) {
       reportPurchaseEvent(*transaction);
     }
   }
@@ -291,7 +291,7 @@ void OVPurchaseImpl::completeVerification(const SKPaymentTransactionPtr& transac
   FetchReceiptCompletion monitor;
   FetchReceiptCompletion fetchReceipt;
   {
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     monitor = monitorTransationCompletion_;
     if (transaction->transactionState == SKPaymentTransactionState::purchased) {
       fetchReceipt = std::exchange(fetchReceiptCompletion_, nullptr);
@@ -303,19 +303,19 @@ void OVPurchaseImpl::completeVerification(const SKPaymentTransactionPtr& transac
   if (!monitor && !fetchReceipt) finishUnlessPurchasing(transactions);
 }
 
-void OVPurchaseImpl::reportVerificationError(const SKPaymentTransactionPtr& transaction,
-                                         const std::vector<SKPaymentTransactionPtr>& transactions,
-                                         const Error& error) {
+void OVPurchaseImpl::reportVerificationError(
+    const SKPaymentTransactionPtr& transaction,
+    const std::vector<SKPaymentTransactionPtr>& transactions, const Error& error) {
   log("Purchase completed with error:\n" + error.localizedDescription());
   if (isRestored(*transaction)) {
     answerRestore(OVSubscriber{}, error, true);
     return;
   }
-  if (auto completion = take(slotsMutex_, transactionCompletion_)) {
+  if (auto completion = takeSlot(&OVPurchaseImpl::transactionCompletion_)) {
     completion(transaction, OVSubscriber{}, error, false);
   }
   if (transaction->transactionState == SKPaymentTransactionState::purchased) {
-    if (auto fetchReceipt = take(slotsMutex_, fetchReceiptCompletion_)) {
+    if (auto fetchReceipt = takeSlot(&OVPurchaseImpl::fetchReceiptCompletion_)) {
       fetchReceipt(transaction, transactions, std::nullopt, error);
     }
   }
@@ -327,10 +327,10 @@ void OVPurchaseImpl::storeKitWrapperDidFailTransaction(const SKPaymentTransactio
   bool userCancelled =
       error && error->code == static_cast<std::int64_t>(SKErrorCode::paymentCancelled);
   if (error) log(error->localizedDescription());
-  if (auto completion = take(slotsMutex_, transactionCompletion_)) {
+  if (auto completion = takeSlot(&OVPurchaseImpl::transactionCompletion_)) {
     completion(transaction, OVSubscriber{}, error, userCancelled);
   }
-  if (auto fetchReceipt = take(slotsMutex_, fetchReceiptCompletion_)) {
+  if (auto fetchReceipt = takeSlot(&OVPurchaseImpl::fetchReceiptCompletion_)) {
     fetchReceipt(transaction, {transaction}, std::nullopt, error);
   }
   finishUnlessPurchasing({transaction});
@@ -338,7 +338,7 @@ void OVPurchaseImpl::storeKitWrapperDidFailTransaction(const SKPaymentTransactio
 
 void OVPurchaseImpl::storeKitWrapperRestoreDidFinish(SKPaymentQueue& /*queue*/) {
   {
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     // Restored transactions are being verified: their answer closes the
     // restore. Or nobody waits (answered already, or timed out).
     if (restoreVerificationsPending_ > 0 || !restoreCompletion_) return;
@@ -361,10 +361,10 @@ void OVPurchaseImpl::storeKitWrapperRestoreDidFail(const Error& error) {
 }
 
 void OVPurchaseImpl::answerRestore(OVSubscriber subscriber, std::optional<Error> error,
-                               bool fromVerification) {
+                                   bool fromVerification) {
   SubscriberCompletion completion;
   {
-    std::lock_guard lock(slotsMutex_);
+    support::MutexLock lock(slotsMutex_);
     if (fromVerification && restoreVerificationsPending_ > 0) --restoreVerificationsPending_;
     completion = std::exchange(restoreCompletion_, nullptr);
   }
@@ -384,13 +384,13 @@ void OVPurchaseImpl::reportPurchaseEvent(const SKPaymentTransaction& transaction
 }
 
 std::shared_ptr<OVPromotingObserverProtocol> OVPurchaseImpl::promotingObserver() const {
-  std::lock_guard lock(slotsMutex_);
+  support::MutexLock lock(slotsMutex_);
   return promotingObserver_.lock();
 }
 
 void OVPurchaseImpl::setPromotingObserver(
     const std::shared_ptr<OVPromotingObserverProtocol>& observer) {
-  std::lock_guard lock(slotsMutex_);
+  support::MutexLock lock(slotsMutex_);
   promotingObserver_ = observer;
 }
 
@@ -421,7 +421,9 @@ void OVPurchaseImpl::hasActiveSubscription(SubscriberCompletion completion) {
       });
 }
 
-bool OVPurchaseImpl::getUserIsActive() const { return OVUtils::shared().isActive; }
+bool OVPurchaseImpl::getUserIsActive() const {
+  return OVUtils::shared().isActive;
+}
 
 void OVPurchaseImpl::getPurchaseProductIds(ProductIdsCompletion completion) {
   auto cached = dataCache_->productIdsArray();
@@ -430,19 +432,19 @@ void OVPurchaseImpl::getPurchaseProductIds(ProductIdsCompletion completion) {
     return;
   }
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
-  networkManager_->getAppConfig([weak, completion = std::move(completion)](
-                                    std::optional<iap::GetAppConfigResponse> reply,
-                                    std::optional<Error> error) {
-    if (auto self = weak.lock()) self->handleAppConfig(reply ? &*reply : nullptr, error);
-    if (!completion) return;
-    std::vector<std::string> ids;
-    if (reply) ids.assign(reply->product_ids().begin(), reply->product_ids().end());
-    completion(std::move(ids), std::move(error));
-  });
+  networkManager_->getAppConfig(
+      [weak, completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
+                                                 std::optional<Error> error) {
+        if (auto self = weak.lock()) self->handleAppConfig(reply ? &*reply : nullptr, error);
+        if (!completion) return;
+        std::vector<std::string> ids;
+        if (reply) ids.assign(reply->product_ids().begin(), reply->product_ids().end());
+        completion(std::move(ids), std::move(error));
+      });
 }
 
 void OVPurchaseImpl::getSkuDetails(const std::set<std::string>& productIds,
-                               SkuDetailsCompletion completion) {
+                                   SkuDetailsCompletion completion) {
   std::map<std::string, SKProductPtr> found;
   std::set<std::string> missing;
   for (const auto& id : productIds) {
@@ -482,12 +484,12 @@ void OVPurchaseImpl::getSkuDetails(const std::set<std::string>& productIds,
 }
 
 void OVPurchaseImpl::setPagePresenter(std::shared_ptr<PagePresenter> presenter) {
-  std::lock_guard lock(slotsMutex_);
+  support::MutexLock lock(slotsMutex_);
   pagePresenter_ = std::move(presenter);
 }
 
 std::shared_ptr<PagePresenter> OVPurchaseImpl::pagePresenter() const {
-  std::lock_guard lock(slotsMutex_);
+  support::MutexLock lock(slotsMutex_);
   return pagePresenter_;
 }
 
@@ -501,17 +503,17 @@ void OVPurchaseImpl::loadPaywallToPurachase(PaywallCompletion completion) {
     return;
   }
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
-  networkManager_->getAppConfig([weak, completion = std::move(completion)](
-                                    std::optional<iap::GetAppConfigResponse> reply,
-                                    std::optional<Error> error) mutable {
-    auto self = weak.lock();
-    if (self) self->handleAppConfig(reply ? &*reply : nullptr, error);
-    if (self && reply && !reply->paywall_page().empty()) {
-      self->showPaywall(reply->paywall_page(), std::move(completion));
-      return;
-    }
-    if (completion) completion(false, "Data error for re-request paywall");
-  });
+  networkManager_->getAppConfig(
+      [weak, completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
+                                                 std::optional<Error> error) mutable {
+        auto self = weak.lock();
+        if (self) self->handleAppConfig(reply ? &*reply : nullptr, error);
+        if (self && reply && !reply->paywall_page().empty()) {
+          self->showPaywall(reply->paywall_page(), std::move(completion));
+          return;
+        }
+        if (completion) completion(false, "Data error for re-request paywall");
+      });
 }
 
 void OVPurchaseImpl::showPaywall(const std::string& html, PaywallCompletion completion) {
@@ -524,6 +526,8 @@ void OVPurchaseImpl::showPaywall(const std::string& html, PaywallCompletion comp
   });
 }
 
-void OVPurchaseImpl::invalidateCache() { dataCache_->invalidateCache(); }
+void OVPurchaseImpl::invalidateCache() {
+  dataCache_->invalidateCache();
+}
 
 }  // namespace velquin

@@ -17,11 +17,13 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "SubscriberRoot.pb.h"
 #include "purchases/AnalyticsSink.h"
 #include "purchases/OVStoreKitWrapper.h"
+#include "support/Mutex.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/PagePresenter.h"
 
@@ -168,6 +170,12 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   void reportVerificationError(const SKPaymentTransactionPtr& transaction,
                                const std::vector<SKPaymentTransactionPtr>& transactions,
                                const Error& error);
+  // Empties a completion slot and hands back what it held.
+  template <class Completion>
+  Completion takeSlot(Completion OVPurchaseImpl::*slot) {
+    support::MutexLock lock(slotsMutex_);
+    return std::exchange(this->*slot, nullptr);
+  }
   void finishUnlessPurchasing(const std::vector<SKPaymentTransactionPtr>& transactions);
   void answerRestore(OVSubscriber subscriber, std::optional<Error> error, bool fromVerification);
   void reportPurchaseEvent(const SKPaymentTransaction& transaction);
@@ -184,16 +192,16 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   std::unique_ptr<OVDataCache> dataCache_;
   const std::shared_ptr<AnalyticsSink> analytics_;  // immutable; may be null
 
-  mutable std::mutex slotsMutex_;
-  TransactionCompletion transactionCompletion_;         // guarded by slotsMutex_
-  FetchReceiptCompletion fetchReceiptCompletion_;       // guarded by slotsMutex_
-  FetchReceiptCompletion monitorTransationCompletion_;  // guarded by slotsMutex_
-  SubscriberCompletion restoreCompletion_;              // guarded by slotsMutex_
+  mutable support::Mutex slotsMutex_;
+  TransactionCompletion transactionCompletion_ GUARDED_BY(slotsMutex_);
+  FetchReceiptCompletion fetchReceiptCompletion_ GUARDED_BY(slotsMutex_);
+  FetchReceiptCompletion monitorTransationCompletion_ GUARDED_BY(slotsMutex_);
+  SubscriberCompletion restoreCompletion_ GUARDED_BY(slotsMutex_);
   // Restored transactions whose verification has not answered yet; while
   // there are any, the end of a restore leaves the answer to them.
-  int restoreVerificationsPending_ = 0;                           // guarded by slotsMutex_
-  std::weak_ptr<OVPromotingObserverProtocol> promotingObserver_;  // guarded by slotsMutex_
-  std::shared_ptr<PagePresenter> pagePresenter_;                  // guarded by slotsMutex_
+  int restoreVerificationsPending_ GUARDED_BY(slotsMutex_) = 0;
+  std::weak_ptr<OVPromotingObserverProtocol> promotingObserver_ GUARDED_BY(slotsMutex_);
+  std::shared_ptr<PagePresenter> pagePresenter_ GUARDED_BY(slotsMutex_);
 };
 
 }  // namespace velquin

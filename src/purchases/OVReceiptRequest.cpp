@@ -1,7 +1,7 @@
 #include "purchases/OVReceiptRequest.h"
 
-#include "support/OVUtils.h"
 #include "purchases/OVStoreKitWrapper.h"
+#include "support/OVUtils.h"
 
 namespace velquin {
 
@@ -12,7 +12,7 @@ std::shared_ptr<OVReceiptRequest> OVReceiptRequest::create() {
 void OVReceiptRequest::refresh(ReceiptCompletion completion) {
   std::shared_ptr<SKReceiptRefreshRequest> request;
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     receiptRequestCompletions_.push_back(std::move(completion));
     if (receiptRequest_) return;  // joins the running refresh
     request = receiptRequest_ = SKReceiptRefreshRequest::create();
@@ -22,12 +22,12 @@ void OVReceiptRequest::refresh(ReceiptCompletion completion) {
 }
 
 bool OVReceiptRequest::isRefreshing() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return receiptRequest_ != nullptr;
 }
 
 std::vector<ReceiptCompletion> OVReceiptRequest::takeCompletions(SKRequest& request) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   if (!dynamic_cast<SKReceiptRefreshRequest*>(&request) || receiptRequest_.get() != &request) {
     return {};
   }

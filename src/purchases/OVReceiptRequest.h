@@ -11,10 +11,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <utility>
 #include <optional>
+#include <utility>
 #include <vector>
 
+#include "support/Mutex.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/StoreKit.h"
 
@@ -44,9 +45,9 @@ class OVReceiptRequest final : public SKRequestDelegate,
   // `request` is not the running refresh.
   std::vector<ReceiptCompletion> takeCompletions(SKRequest& request);
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<SKReceiptRefreshRequest> receiptRequest_;     // guarded by mutex_
-  std::vector<ReceiptCompletion> receiptRequestCompletions_;    // guarded by mutex_
+  mutable support::Mutex mutex_;
+  std::shared_ptr<SKReceiptRefreshRequest> receiptRequest_ GUARDED_BY(mutex_);
+  std::vector<ReceiptCompletion> receiptRequestCompletions_ GUARDED_BY(mutex_);
 };
 
 }  // namespace velquin

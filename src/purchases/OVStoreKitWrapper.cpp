@@ -46,23 +46,23 @@ OVStoreKitWrapper::OVStoreKitWrapper(std::weak_ptr<StoreKitWrapperDelegate> dele
     : delegate_(std::move(delegate)), paymentQueue_(std::move(queue)) {}
 
 OVStoreKitWrapper::~OVStoreKitWrapper() {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   if (restoreTimer_) MainQueue::shared().cancel(*restoreTimer_);
 }
 
 bool OVStoreKitWrapper::isRecovering() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return isRecovering_;
 }
 
 bool OVStoreKitWrapper::didHandleRestore() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return didHandleRestore_;
 }
 
 void OVStoreKitWrapper::restore() {
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     // The time-out applies on every Linux system. A second restore while one
     // runs keeps the first time-out.
     if (!isRecovering_) {
@@ -80,7 +80,7 @@ void OVStoreKitWrapper::restore() {
 
 void OVStoreKitWrapper::deallineRestoreToHandle() {
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     if (didHandleRestore_) return;
     isRecovering_ = false;
     didHandleRestore_ = true;
@@ -91,7 +91,7 @@ void OVStoreKitWrapper::deallineRestoreToHandle() {
 }
 
 void OVStoreKitWrapper::closeRestore() {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   if (restoreTimer_) MainQueue::shared().cancel(*restoreTimer_);
   restoreTimer_.reset();
   isRecovering_ = false;

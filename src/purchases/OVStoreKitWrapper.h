@@ -18,6 +18,7 @@
 #include <optional>
 #include <vector>
 
+#include "support/Mutex.h"
 #include "velquin/MainQueue.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/StoreKit.h"
@@ -97,10 +98,10 @@ class OVStoreKitWrapper final : public SKPaymentTransactionObserver,
   const std::weak_ptr<StoreKitWrapperDelegate> delegate_;
   const std::shared_ptr<SKPaymentQueue> paymentQueue_;
 
-  mutable std::mutex mutex_;
-  bool isRecovering_ = false;                         // guarded by mutex_
-  bool didHandleRestore_ = false;                     // guarded by mutex_
-  std::optional<MainQueue::TimerId> restoreTimer_;    // guarded by mutex_
+  mutable support::Mutex mutex_;
+  bool isRecovering_ GUARDED_BY(mutex_) = false;
+  bool didHandleRestore_ GUARDED_BY(mutex_) = false;
+  std::optional<MainQueue::TimerId> restoreTimer_ GUARDED_BY(mutex_);
 };
 
 }  // namespace velquin

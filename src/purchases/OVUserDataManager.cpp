@@ -1,13 +1,15 @@
 #include "purchases/OVUserDataManager.h"
 
 #include "analytics/OVDeviceInfoManager.h"
-#include "support/OVUtils.h"
 #include "platform/UserDefaults.h"
+#include "support/OVUtils.h"
 #include "support/Uuid.h"
 
 namespace velquin {
 namespace {
-std::string newUuid() { return support::randomUuid(); }
+std::string newUuid() {
+  return support::randomUuid();
+}
 }  // namespace
 
 OVUserDataManager::OVUserDataManager(platform::UserDefaults& defaults,
@@ -17,12 +19,12 @@ OVUserDataManager::OVUserDataManager(platform::UserDefaults& defaults,
 }
 
 std::string OVUserDataManager::userId() const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   return userId_;
 }
 
 void OVUserDataManager::resolveUserId(const std::optional<std::string>& requested) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   auto stored = defaults_.stringForKey(kUserIdKey);
   if (stored && (!requested || *requested == *stored)) {
     userId_ = *stored;
@@ -41,7 +43,7 @@ void OVUserDataManager::resolveUserId(const std::optional<std::string>& requeste
 
 void OVUserDataManager::setUserId(const std::string& id) {
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     userId_ = id;
     defaults_.setString(kUserIdKey, id);
   }

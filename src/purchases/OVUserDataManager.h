@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include "support/Mutex.h"
+
 namespace velquin {
 class OVDeviceInfoManager;
 namespace platform {
@@ -31,8 +33,8 @@ class OVUserDataManager {
  private:
   platform::UserDefaults& defaults_;
   OVDeviceInfoManager& deviceInfo_;
-  mutable std::mutex mutex_;
-  std::string userId_;  // guarded by mutex_
+  mutable support::Mutex mutex_;
+  std::string userId_ GUARDED_BY(mutex_);
 };
 
 }  // namespace velquin

@@ -9,6 +9,7 @@
 #include <deque>
 #include <map>
 
+#include "support/Mutex.h"
 #include "store/Receipt.h"
 #include "store/StoreConfiguration.h"
 #include "store/StoreCrypto.h"
@@ -16,8 +17,8 @@
 #include "support/Console.h"
 #include "support/Uuid.h"
 #include "velquin/Bundle.h"
-#include "velquin/MainQueue.h"
 #include "velquin/LocalStore.h"
+#include "velquin/MainQueue.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin {
@@ -41,14 +42,17 @@ std::filesystem::path& defaultPathOverride() {
   return *path;
 }
 
-std::string newTransactionId() { return support::randomUuid(); }
+std::string newTransactionId() {
+  return support::randomUuid();
+}
 
 std::int64_t toMs(Clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
 Clock::time_point fromMs(std::int64_t ms) {
-  return Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::milliseconds(ms)));
+  return Clock::time_point(
+      std::chrono::duration_cast<Clock::duration>(std::chrono::milliseconds(ms)));
 }
 
 std::string lowercase(std::string text) {
@@ -80,13 +84,13 @@ SKPayment paymentFor(const StoredTransaction& stored) {
 }
 
 SKPaymentTransactionPtr purchasedFromHistory(const StoredTransaction& stored) {
-  return std::make_shared<SKPaymentTransaction>(SKPaymentTransaction{
-      .transactionIdentifier = stored.transactionId,
-      .transactionState = SKPaymentTransactionState::purchased,
-      .transactionDate = fromMs(stored.purchaseDateMs),
-      .payment = paymentFor(stored),
-      .error = std::nullopt,
-      .originalTransaction = nullptr});
+  return std::make_shared<SKPaymentTransaction>(
+      SKPaymentTransaction{.transactionIdentifier = stored.transactionId,
+                           .transactionState = SKPaymentTransactionState::purchased,
+                           .transactionDate = fromMs(stored.purchaseDateMs),
+                           .payment = paymentFor(stored),
+                           .error = std::nullopt,
+                           .originalTransaction = nullptr});
 }
 
 bool restorable(SKProductType type) {
@@ -109,12 +113,13 @@ std::optional<Error> checkOffer(const StoreConfiguration& config, const SKProduc
     return makeSKError(SKErrorCode::missingOfferParams,
                        "The promotional offer lacks " + names + ".");
   }
-  bool known = std::any_of(product.discounts.begin(), product.discounts.end(),
-                           [&](const SKProductDiscount& d) { return d.identifier == offer.identifier; });
+  bool known =
+      std::any_of(product.discounts.begin(), product.discounts.end(),
+                  [&](const SKProductDiscount& d) { return d.identifier == offer.identifier; });
   if (!known) {
-    return makeSKError(SKErrorCode::invalidOfferIdentifier,
-                       "Product " + product.productIdentifier + " has no promotional offer \"" +
-                           offer.identifier + "\".");
+    return makeSKError(SKErrorCode::invalidOfferIdentifier, "Product " + product.productIdentifier +
+                                                                " has no promotional offer \"" +
+                                                                offer.identifier + "\".");
   }
   if (config.offerPublicKeyPem.empty()) {
     return makeSKError(SKErrorCode::invalidSignature,
@@ -122,10 +127,9 @@ std::optional<Error> checkOffer(const StoreConfiguration& config, const SKProduc
                            " has no offer_public_key to check it with.");
   }
   std::string message = config.bundleIdentifier;
-  for (const std::string& part :
-       {offer.keyIdentifier, product.productIdentifier, offer.identifier,
-        lowercase(payment.applicationUsername().value_or("")), lowercase(offer.nonce),
-        std::to_string(offer.timestamp)}) {
+  for (const std::string& part : {offer.keyIdentifier, product.productIdentifier, offer.identifier,
+                                  lowercase(payment.applicationUsername().value_or("")),
+                                  lowercase(offer.nonce), std::to_string(offer.timestamp)}) {
     message += kOfferSeparator;
     message += part;
   }
@@ -156,15 +160,16 @@ struct LocalStore::Impl {
   const std::string defaultBundleId;
   store::ReceiptSigner signer;  // locks itself
 
-  mutable std::mutex mutex;
+  mutable support::Mutex mutex;
   // Empty: follow LocalStore::configurationPath(). Guarded by mutex.
   std::filesystem::path configurationFile;
-  std::vector<std::weak_ptr<SKPaymentTransactionObserver>> observers;  // guarded by mutex
+  std::vector<std::weak_ptr<SKPaymentTransactionObserver>> observers GUARDED_BY(mutex);
   // Unfinished transactions, oldest first, latest snapshot of each. Guarded by mutex.
   std::vector<SKPaymentTransactionPtr> pending;
-  std::map<std::string, ScriptedOutcome> outcomes;  // guarded by mutex
-  std::optional<ScriptedOutcome> nextOutcome;       // guarded by mutex
-  std::optional<std::pair<RestoreBehaviour, std::chrono::milliseconds>> restoreOverride;  // guarded by mutex
+  std::map<std::string, ScriptedOutcome> outcomes GUARDED_BY(mutex);
+  std::optional<ScriptedOutcome> nextOutcome GUARDED_BY(mutex);
+  std::optional<std::pair<RestoreBehaviour, std::chrono::milliseconds>> restoreOverride
+      GUARDED_BY(mutex);
   // Ask-to-buy purchases waiting for a parent, oldest first. Guarded by mutex.
   std::deque<std::pair<SKPaymentTransactionPtr, SKProductPtr>> awaitingParent;
 
@@ -185,7 +190,7 @@ struct LocalStore::Impl {
   std::optional<StoreConfiguration> configuration(Error* error) const {
     std::filesystem::path file;
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       file = configurationFile;
     }
     if (file.empty()) file = LocalStore::configurationPath();
@@ -196,7 +201,7 @@ struct LocalStore::Impl {
   }
 
   std::vector<std::shared_ptr<SKPaymentTransactionObserver>> liveObservers() {
-    std::lock_guard lock(mutex);
+    support::MutexLock lock(mutex);
     std::vector<std::shared_ptr<SKPaymentTransactionObserver>> live;
     std::erase_if(observers, [](const auto& weak) { return weak.expired(); });
     for (const auto& weak : observers) {
@@ -208,7 +213,7 @@ struct LocalStore::Impl {
   // On the main queue: records the new snapshots and tells every observer.
   void deliver(LocalStore& store, const std::vector<SKPaymentTransactionPtr>& batch) {
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       for (const auto& transaction : batch) {
         auto same = std::find_if(pending.begin(), pending.end(), [&](const auto& existing) {
           return existing->transactionIdentifier == transaction->transactionIdentifier;
@@ -237,13 +242,13 @@ struct LocalStore::Impl {
 
   // On the main queue: a payment enters the queue.
   void beginPayment(LocalStore& store, const SKPayment& payment) {
-    auto purchasing = std::make_shared<SKPaymentTransaction>(SKPaymentTransaction{
-        .transactionIdentifier = newTransactionId(),
-        .transactionState = SKPaymentTransactionState::purchasing,
-        .transactionDate = Clock::now(),
-        .payment = payment,
-        .error = std::nullopt,
-        .originalTransaction = nullptr});
+    auto purchasing = std::make_shared<SKPaymentTransaction>(
+        SKPaymentTransaction{.transactionIdentifier = newTransactionId(),
+                             .transactionState = SKPaymentTransactionState::purchasing,
+                             .transactionDate = Clock::now(),
+                             .payment = payment,
+                             .error = std::nullopt,
+                             .originalTransaction = nullptr});
     deliver(store, {purchasing});
 
     Error error;
@@ -256,24 +261,23 @@ struct LocalStore::Impl {
       problem = makeSKError(SKErrorCode::paymentNotAllowed,
                             "Payments are turned off in " + config->file.string() + ".");
     } else if (!(product = config->product(payment.productIdentifier()))) {
-      problem = makeSKError(SKErrorCode::storeProductNotAvailable,
-                            "No product \"" + payment.productIdentifier() + "\" in " +
-                                config->file.string() + ".");
+      problem = makeSKError(
+          SKErrorCode::storeProductNotAvailable,
+          "No product \"" + payment.productIdentifier() + "\" in " + config->file.string() + ".");
     } else if (payment.quantity() < 1) {
       problem = makeSKError(SKErrorCode::paymentInvalid, "The quantity must be at least 1.");
     } else if (payment.paymentDiscount()) {
       problem = checkOffer(*config, *product, payment);
     }
     if (problem) {
-      onMain(store, std::chrono::milliseconds(0), [purchasing, problem](LocalStore& s) {
-        s.impl_->fail(s, *purchasing, *problem);
-      });
+      onMain(store, std::chrono::milliseconds(0),
+             [purchasing, problem](LocalStore& s) { s.impl_->fail(s, *purchasing, *problem); });
       return;
     }
 
     ScriptedOutcome outcome;
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       if (nextOutcome) {
         outcome = *nextOutcome;
         nextOutcome.reset();
@@ -314,7 +318,7 @@ struct LocalStore::Impl {
       case Outcome::askToBuy: {
         auto deferred = withState(*transaction, SKPaymentTransactionState::deferred);
         {
-          std::lock_guard lock(mutex);
+          support::MutexLock lock(mutex);
           awaitingParent.emplace_back(deferred, product);
         }
         deliver(store, {deferred});
@@ -328,18 +332,17 @@ struct LocalStore::Impl {
   void completePurchase(LocalStore& store, const SKPaymentTransaction& transaction,
                         const SKProduct& product, const std::string& bundleId) {
     auto purchased = withState(transaction, SKPaymentTransactionState::purchased);
-    StoredTransaction stored{
-        .transactionId = purchased->transactionIdentifier,
-        .originalTransactionId = purchased->transactionIdentifier,
-        .productId = product.productIdentifier,
-        .productType = product.productType,
-        .quantity = purchased->payment.quantity(),
-        .purchaseDateMs = toMs(*purchased->transactionDate),
-        .expiresDateMs = std::nullopt,
-        .subscriptionGroup = product.subscriptionGroupIdentifier,
-        .offerId = std::nullopt,
-        .appAccountToken = purchased->payment.applicationUsername(),
-        .finished = false};
+    StoredTransaction stored{.transactionId = purchased->transactionIdentifier,
+                             .originalTransactionId = purchased->transactionIdentifier,
+                             .productId = product.productIdentifier,
+                             .productType = product.productType,
+                             .quantity = purchased->payment.quantity(),
+                             .purchaseDateMs = toMs(*purchased->transactionDate),
+                             .expiresDateMs = std::nullopt,
+                             .subscriptionGroup = product.subscriptionGroupIdentifier,
+                             .offerId = std::nullopt,
+                             .appAccountToken = purchased->payment.applicationUsername(),
+                             .finished = false};
     if (const auto& discount = purchased->payment.paymentDiscount()) {
       stored.offerId = discount->identifier;
     }
@@ -385,7 +388,7 @@ struct LocalStore::Impl {
     auto behaviour = config->restoreBehaviour.value_or(RestoreBehaviour::normal);
     auto delay = config->restoreDelay;
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       if (restoreOverride) std::tie(behaviour, delay) = *restoreOverride;
     }
     if (behaviour == RestoreBehaviour::hang) return;
@@ -434,7 +437,7 @@ struct LocalStore::Impl {
   void answerParent(LocalStore& store, const std::string& productId, bool approved) {
     std::optional<std::pair<SKPaymentTransactionPtr, SKProductPtr>> waiting;
     {
-      std::lock_guard lock(mutex);
+      support::MutexLock lock(mutex);
       auto it = std::find_if(awaitingParent.begin(), awaitingParent.end(), [&](const auto& entry) {
         return entry.second->productIdentifier == productId;
       });
@@ -574,8 +577,7 @@ void LocalStore::refreshReceipt(DoneHandler done) {
       return;
     }
     auto history = store::loadHistory(store.impl_->historyFile);
-    auto payload = store::receiptPayload(config->bundleIdentifier, history,
-                                         toMs(Clock::now()));
+    auto payload = store::receiptPayload(config->bundleIdentifier, history, toMs(Clock::now()));
     if (!store.impl_->signer.writeReceipt(store.impl_->receiptPath, payload, &error)) {
       done(error);
       return;
@@ -590,7 +592,7 @@ std::optional<std::filesystem::path> LocalStore::appStoreReceiptPath() const {
 
 void LocalStore::addTransactionObserver(std::weak_ptr<SKPaymentTransactionObserver> observer) {
   {
-    std::lock_guard lock(impl_->mutex);
+    support::MutexLock lock(impl_->mutex);
     for (const auto& existing : impl_->observers) {
       if (sameObserver(existing, observer)) return;
     }
@@ -602,7 +604,7 @@ void LocalStore::addTransactionObserver(std::weak_ptr<SKPaymentTransactionObserv
     if (!live) return;
     std::vector<SKPaymentTransactionPtr> waiting;
     {
-      std::lock_guard lock(store.impl_->mutex);
+      support::MutexLock lock(store.impl_->mutex);
       bool registered = std::any_of(store.impl_->observers.begin(), store.impl_->observers.end(),
                                     [&](const auto& o) { return sameObserver(o, observer); });
       if (!registered) return;
@@ -621,7 +623,7 @@ void LocalStore::addTransactionObserver(std::weak_ptr<SKPaymentTransactionObserv
 
 void LocalStore::removeTransactionObserver(
     const std::weak_ptr<SKPaymentTransactionObserver>& observer) {
-  std::lock_guard lock(impl_->mutex);
+  support::MutexLock lock(impl_->mutex);
   std::erase_if(impl_->observers,
                 [&](const auto& existing) { return sameObserver(existing, observer); });
 }
@@ -639,7 +641,7 @@ void LocalStore::finishTransaction(const SKPaymentTransactionPtr& transaction) {
   }
   const std::string id = transaction->transactionIdentifier;
   {
-    std::lock_guard lock(impl_->mutex);
+    support::MutexLock lock(impl_->mutex);
     std::erase_if(impl_->pending,
                   [&](const auto& existing) { return existing->transactionIdentifier == id; });
   }
@@ -662,32 +664,32 @@ bool LocalStore::canMakePayments() const {
 }
 
 std::vector<SKPaymentTransactionPtr> LocalStore::transactions() const {
-  std::lock_guard lock(impl_->mutex);
+  support::MutexLock lock(impl_->mutex);
   return impl_->pending;
 }
 
 void LocalStore::setConfigurationFile(std::filesystem::path path) {
-  std::lock_guard lock(impl_->mutex);
+  support::MutexLock lock(impl_->mutex);
   impl_->configurationFile = std::move(path);
 }
 
 void LocalStore::setOutcome(const std::string& productIdentifier, ScriptedOutcome outcome) {
-  std::lock_guard lock(impl_->mutex);
+  support::MutexLock lock(impl_->mutex);
   impl_->outcomes[productIdentifier] = outcome;
 }
 
 void LocalStore::clearOutcome(const std::string& productIdentifier) {
-  std::lock_guard lock(impl_->mutex);
+  support::MutexLock lock(impl_->mutex);
   impl_->outcomes.erase(productIdentifier);
 }
 
 void LocalStore::setNextOutcome(ScriptedOutcome outcome) {
-  std::lock_guard lock(impl_->mutex);
+  support::MutexLock lock(impl_->mutex);
   impl_->nextOutcome = outcome;
 }
 
 void LocalStore::setRestoreBehaviour(RestoreBehaviour behaviour, std::chrono::milliseconds delay) {
-  std::lock_guard lock(impl_->mutex);
+  support::MutexLock lock(impl_->mutex);
   impl_->restoreOverride = std::make_pair(behaviour, delay);
 }
 

@@ -86,7 +86,7 @@ EVP_PKEY* ReceiptSigner::keyLocked(Error* error) {
 }
 
 std::optional<std::string> ReceiptSigner::publicKeyPem(Error* error) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   EVP_PKEY* key = keyLocked(error);
   if (!key) return std::nullopt;
   return store::publicKeyPem(key);
@@ -99,7 +99,7 @@ bool ReceiptSigner::writeReceipt(const std::filesystem::path& receiptFile,
   std::optional<std::string> signature;
   std::string keyId;
   {
-    std::lock_guard lock(mutex_);
+    support::MutexLock lock(mutex_);
     EVP_PKEY* key = keyLocked(error);
     if (!key) return false;
     signature = signEd25519(key, bytes);
@@ -110,9 +110,8 @@ bool ReceiptSigner::writeReceipt(const std::filesystem::path& receiptFile,
     if (error) *error = receiptError("signing failed");
     return false;
   }
-  nlohmann::json file = {{"payload", base64Encode(bytes)},
-                         {"signature", base64Encode(*signature)},
-                         {"key_id", keyId}};
+  nlohmann::json file = {
+      {"payload", base64Encode(bytes)}, {"signature", base64Encode(*signature)}, {"key_id", keyId}};
   std::string problem;
   if (!writeFileAtomically(receiptFile, file.dump(), 0644, &problem)) {
     if (error) *error = receiptError(problem);

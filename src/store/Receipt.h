@@ -21,6 +21,7 @@
 
 #include "store/StoreCrypto.h"
 #include "store/TransactionHistory.h"
+#include "support/Mutex.h"
 #include "velquin/Error.h"
 
 namespace velquin::store {
@@ -43,12 +44,12 @@ class ReceiptSigner {
 
  private:
   // Loads the key pair, making it on first use. Caller holds mutex_.
-  EVP_PKEY* keyLocked(Error* error);
+  EVP_PKEY* keyLocked(Error* error) REQUIRES(mutex_);
 
   const std::filesystem::path directory_;
-  std::mutex mutex_;
-  EvpKey key_;         // guarded by mutex_
-  std::string keyId_;  // guarded by mutex_
+  support::Mutex mutex_;
+  EvpKey key_ GUARDED_BY(mutex_);
+  std::string keyId_ GUARDED_BY(mutex_);
 };
 
 // Checks a receipt file's signature with a PEM public key and returns its

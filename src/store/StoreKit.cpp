@@ -1,7 +1,7 @@
 // The store interface's shared pieces: decimal prices, requests and the
 // process-wide active store.
-#include "velquin/LocalStore.h"
 #include "velquin/StoreKit.h"
+#include "velquin/LocalStore.h"
 
 #include <cctype>
 #include <charconv>

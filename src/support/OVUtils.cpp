@@ -12,14 +12,14 @@ OVUtils& OVUtils::shared() {
 }
 
 std::optional<std::string> OVUtils::velquinSDkInit_tag() const {
-  std::lock_guard lock(tagMutex_);
+  support::MutexLock lock(tagMutex_);
   return tag_;
 }
 
 void OVUtils::setVelquinSDkInit_tag(const std::string& tag) {
   TagListener listener;
   {
-    std::lock_guard lock(tagMutex_);
+    support::MutexLock lock(tagMutex_);
     tag_ = tag;
     listener = tagListener_;
   }
@@ -27,7 +27,7 @@ void OVUtils::setVelquinSDkInit_tag(const std::string& tag) {
 }
 
 void OVUtils::setTagListener(TagListener listener) {
-  std::lock_guard lock(tagMutex_);
+  support::MutexLock lock(tagMutex_);
   tagListener_ = std::move(listener);
 }
 

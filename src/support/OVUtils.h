@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "support/Mutex.h"
 #include "velquin/Models.h"
 
 namespace velquin {
@@ -36,9 +37,9 @@ class OVUtils {
   std::atomic<bool> isActive{false};
 
  private:
-  mutable std::mutex tagMutex_;
-  std::optional<std::string> tag_;  // guarded by tagMutex_
-  TagListener tagListener_;         // guarded by tagMutex_
+  mutable support::Mutex tagMutex_;
+  std::optional<std::string> tag_ GUARDED_BY(tagMutex_);
+  TagListener tagListener_ GUARDED_BY(tagMutex_);
 };
 
 // The SDK's log line: "[<local time>] [OrventPurchase] <message>" on stdout,

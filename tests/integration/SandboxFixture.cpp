@@ -51,8 +51,11 @@ bool SandboxTest::configureAndWait(std::chrono::seconds limit) {
 }
 
 nlohmann::json SandboxTest::runHost(const std::vector<std::string>& args, int* exitStatus) {
-  std::string command = "'" + (binDir() / "velquin").string() + "' --bundle '" +
-                        env.bundleDir().string() + "'";
+  // Appended piece by piece: GCC 12 at -O2 reports a false -Wrestrict for
+  // "literal" + std::string&&.
+  std::string command = "'";
+  command += (binDir() / "velquin").string();
+  command += "' --bundle '" + env.bundleDir().string() + "'";
   for (const auto& arg : args) command += " '" + arg + "'";
   command += " 2>/dev/null";
   FILE* pipe = popen(command.c_str(), "r");

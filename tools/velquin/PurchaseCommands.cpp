@@ -48,7 +48,12 @@ nlohmann::json periodJson(const std::optional<SKProductSubscriptionPeriod>& peri
       unit = "Y";
       break;
   }
-  return "P" + std::to_string(period->numberOfUnits) + unit;  // ISO 8601 duration
+  // ISO 8601 duration. Appended piece by piece: GCC 12 at -O2 reports a false
+  // -Wrestrict for "literal" + std::string&&.
+  std::string duration = "P";
+  duration += std::to_string(period->numberOfUnits);
+  duration += unit;
+  return duration;
 }
 
 nlohmann::json productJson(const SKProduct& product) {
