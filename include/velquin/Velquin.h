@@ -44,7 +44,9 @@ class VELQUIN_EXPORT Velquin {
   // Start-up from the bundle's token file: Init, analytics, GetSubscriber,
   // GetAppConfig. Repeating it repeats the whole chain.
   void configure();
-  void setPurchasesLogs(bool enabled);
+  // The "[OrventPurchase]" log lines. May be called before shared(), so
+  // that the lines of the SDK's creation show too.
+  static void setPurchasesLogs(bool enabled);
   // Note the inversion: the delivery log switch is set to !enabled.
   void setAnalyticsLogs(bool enabled);
 

@@ -48,7 +48,6 @@ class GRPCserviceManager {
   void setAppKey(const std::string& appKey);
   const std::string& app_id() const { return app_id_; }
   const std::string& serverUrl() const { return serverUrl_; }
-  const std::string& rootCertificates() const { return rootCertificates_; }
   // Shortens the per-call deadline (tests of slow backends).
   void setCallTimeout(std::chrono::milliseconds timeout) { timeout_ = timeout; }
 

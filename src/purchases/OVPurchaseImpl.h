@@ -137,11 +137,7 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   std::string appUserId() const;
 
   GRPCserviceManager& networkManager() { return *networkManager_; }
-  OVUserDataManager& userDataManager() { return *userDataManager_; }
   OVDataCache& dataCache() { return *dataCache_; }
-  OVStoreKitWrapper& storeKitWrapper() { return *storeKitWrapper_; }
-  OVProductRequest& productsRequest() { return *productsRequest_; }
-  OVReceiptRequest& receiptRequest() { return *receiptRequest_; }
 
   // Stores the pages and product ids of a GetAppConfig answer (or logs the
   // error), starts fetching the products, and posts

@@ -96,8 +96,8 @@ int main(int argc, char** argv) {
       finish(velquin::cli::errorJson(*problem), 1);
     }
     // Switched on before the SDK exists so start-up's own lines show too.
+    velquin::Velquin::setPurchasesLogs(log);
     auto& sdk = velquin::Velquin::shared();
-    sdk.setPurchasesLogs(log);
     sdk.setAnalyticsLogs(!log);  // the delivery switch is stored inverted
     if (command.needsConfigure) sdk.configure();
     velquin::cli::Outcome outcome;
