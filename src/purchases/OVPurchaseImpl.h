@@ -60,80 +60,35 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
                                                 std::shared_ptr<AnalyticsSink> analytics);
   ~OVPurchaseImpl() override;
 
-  // Both names run start-up from the bundle's token file; without a file or
-  // a text "access_token" they return silently.
+  // The operations of the public OVPurchase, documented there.
   void configureInitSDKWithVelQuinPlist();
   void registerBigDataGetAccessToken();
-  // Start-up with the caller's app key: Init, analytics start,
-  // GetSubscriber and GetAppConfig (whose product ids are then fetched from
-  // the store into the cache).
   void configureSDK(const std::string& appKey);
-
   void enableLog(bool enabled);
-  // True when the installed store's receipt location ends in "sandboxReceipt".
   bool isSandbox() const;
-
-  // ---- Purchases. Completions of successful transactions run on a gRPC
-  // thread (after VerifyReceipt); those of failed transactions on the main
-  // queue.
-
-  // Adds a payment for `product`; the outcome, verified with the backend,
-  // goes to transactionCompletion.
   void purchaseSKProduct(const SKProduct& product, TransactionCompletion completion);
-  // The same with a promotional offer and an optional account name.
   void purchaseSKProductWithDiscount(const SKProduct& product,
                                      const SKPaymentDiscount& paymentDiscount,
                                      const std::optional<std::string>& applicationUsername,
                                      TransactionCompletion completion);
-  // Adds a payment whose outcome goes to FetchReceiptCompletion with the
-  // receipt; the host then finishes the transactions with finishTransactions.
   void purchaseFetchReceiptSKProduct(const SKProduct& product, FetchReceiptCompletion completion);
-  // Called for every verified transaction, after verification, with the
-  // transaction's batch and the receipt; while it is set nothing is finished
-  // by the SDK: the host calls finishTransactions.
   void addMonitorTransationCompletionHandler(FetchReceiptCompletion completion);
-  // Finishes every transaction that is not purchasing; empties
-  // FetchReceiptCompletion.
   void finishTransactions(const std::vector<SKPaymentTransactionPtr>& transactions);
-  // Asks the store to restore; the subscriber (from the restored
-  // transactions' verification, or GetSubscriber when none came back) or the
-  // store's error (restore time-out: "com.apple.restore", 113) goes to
-  // restoreCompletion.
   void restorePurchases(SubscriberCompletion completion);
   bool canMakePayments() const;
-
-  // ---- Entitlements and products.
-
-  // GetSubscriber; the completion runs on the main queue.
   void hasActiveSubscription(SubscriberCompletion completion);
-  // The activity flag of the last subscriber answer; no call is made.
   bool getUserIsActive() const;
-  // The server's product ids: the cached list, or GetAppConfig's.
   void getPurchaseProductIds(ProductIdsCompletion completion);
-  // The store products of `productIds`, from the cache or the store; runs
-  // the completion on the main queue. Unknown ids are left out; when none is
-  // known the answer is an error.
   void getSkuDetails(const std::set<std::string>& productIds, SkuDetailsCompletion completion);
-  // Shows the server's paywall page through the installed presenter.
   void loadPaywallToPurachase(PaywallCompletion completion);
-  // Installs the page presenter (libvelquin-gtk does); without one the
-  // paywall answers (false, "paywall show failed").
   void setPagePresenter(std::shared_ptr<PagePresenter> presenter);
   std::shared_ptr<PagePresenter> pagePresenter() const;
-  // Clears the cache's time stamps and product record; products stay.
   void invalidateCache();
-
-  // The host's observer of promoted purchases, held weakly.
   void setPromotingObserver(const std::shared_ptr<OVPromotingObserverProtocol>& observer);
   std::shared_ptr<OVPromotingObserverProtocol> promotingObserver() const override;
-
-  // Optionally makes `userId` current, then sends UploadUserInfo with the
-  // attribute map as compact JSON.
   void uploadUserInfo(const std::optional<std::string>& userId,
                       const nlohmann::json& extraAttribute,
                       std::function<void(bool, std::optional<Error>)> completion);
-
-  // The user id the SDK reports to the backend (kept in user defaults).
   std::string appUserId() const;
 
   GRPCserviceManager& networkManager() { return *networkManager_; }
