@@ -16,6 +16,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -26,6 +27,7 @@
 #include "velquin/Error.h"
 #include "velquin/Models.h"
 #include "velquin/OVPurchase.h"
+#include "velquin/PagePresenter.h"
 #include "velquin/StoreKit.h"
 
 namespace velquin {
@@ -108,6 +110,18 @@ class Velquin {
   void setInAppPurchasePromotingStatus(OVPromotingInAppPurchaseStatus status,
                                        const std::shared_ptr<OVPromotingObserverProtocol>& observer);
 
+  // Installs the presenter that shows the paywall and in-app message pages
+  // (libvelquin-gtk does this); held for the process. Any thread.
+  void setPagePresenter(std::shared_ptr<PagePresenter> presenter);
+  std::shared_ptr<PagePresenter> pagePresenter() const;
+
+  // The welcome page stored by the last GetAppConfig answer
+  // ("VelQuinWelcomHtmlData"); absent when none was stored. Any thread.
+  std::optional<std::string> storedWelcomePage() const;
+
+  // Writes the SDK's purchase log line; only while purchase logs are on.
+  void writeLog(const std::string& message) const;
+
   // The delay, in seconds, before an in-app message is shown after the app
   // comes back from the background. Only stored for now.
   void setFromBackgroudPointToDelayTime(double delayTime);
@@ -119,6 +133,8 @@ class Velquin {
   std::unique_ptr<OVAnalytics> analytics_;
   // Notification settings the host makes before notifications start.
   std::atomic<double> delayTime_{0};  // atomic: any thread
+  mutable std::mutex presenterMutex_;
+  std::shared_ptr<PagePresenter> pagePresenter_;  // guarded by presenterMutex_
 };
 
 }  // namespace velquin

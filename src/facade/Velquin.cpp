@@ -4,6 +4,7 @@
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
 #include "facade/OVUtils.h"
+#include "platform/UserDefaults.h"
 #include "support/OVCFunctionToolHelper.h"
 #include "velquin/OVAnalytics.h"
 #include "velquin/OVPurchase.h"
@@ -165,5 +166,33 @@ void Velquin::setInAppPurchasePromotingStatus(
 void Velquin::setFromBackgroudPointToDelayTime(double delayTime) { delayTime_ = delayTime; }
 
 double Velquin::fromBackgroudPointToDelayTime() const { return delayTime_; }
+
+void Velquin::setPagePresenter(std::shared_ptr<PagePresenter> presenter) {
+  {
+    std::lock_guard lock(presenterMutex_);
+    pagePresenter_ = presenter;
+  }
+  if (!presenter) {
+    purchases_.setPaywallPresenter(nullptr);
+    return;
+  }
+  purchases_.setPaywallPresenter(
+      [presenter](const std::string& html, OVPurchase::PaywallCompletion completion) {
+        return presenter->presentPaywall(html, std::move(completion));
+      });
+}
+
+std::shared_ptr<PagePresenter> Velquin::pagePresenter() const {
+  std::lock_guard lock(presenterMutex_);
+  return pagePresenter_;
+}
+
+std::optional<std::string> Velquin::storedWelcomePage() const {
+  auto bytes = platform::UserDefaults::standard().dataForKey("VelQuinWelcomHtmlData");
+  if (!bytes) return std::nullopt;
+  return std::string(bytes->begin(), bytes->end());
+}
+
+void Velquin::writeLog(const std::string& message) const { log(message); }
 
 }  // namespace velquin
