@@ -119,6 +119,12 @@ class Velquin {
   // ("VelQuinWelcomHtmlData"); absent when none was stored. Any thread.
   std::optional<std::string> storedWelcomePage() const;
 
+  // Asks the backend for the paywall page (GetAppConfig, handled as at
+  // start-up so the cache is refreshed); the completion runs once on a gRPC
+  // thread with the page (absent when the reply has none) and the error.
+  void fetchPaywallPage(
+      std::function<void(std::optional<std::string>, std::optional<Error>)> completion);
+
   // Writes the SDK's purchase log line; only while purchase logs are on.
   void writeLog(const std::string& message) const;
 

@@ -193,6 +193,21 @@ std::optional<std::string> Velquin::storedWelcomePage() const {
   return std::string(bytes->begin(), bytes->end());
 }
 
+void Velquin::fetchPaywallPage(
+    std::function<void(std::optional<std::string>, std::optional<Error>)> completion) {
+  purchases_.networkManager().getAppConfig(
+      [completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
+                                           std::optional<Error> error) {
+        OVPurchase::shared().handleAppConfig(reply ? &*reply : nullptr, error);
+        if (!completion) return;
+        if (reply && !error) {
+          completion(reply->paywall_page(), std::nullopt);
+        } else {
+          completion(std::nullopt, error);
+        }
+      });
+}
+
 void Velquin::writeLog(const std::string& message) const { log(message); }
 
 }  // namespace velquin
