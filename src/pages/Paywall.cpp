@@ -93,6 +93,7 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
     gtk_window_set_destroy_with_parent(window_, TRUE);
     int width = gtk_widget_get_width(GTK_WIDGET(parent));
     int height = gtk_widget_get_height(GTK_WIDGET(parent));
+    if (width <= 0 || height <= 0) gtk_window_get_default_size(parent, &width, &height);
     gtk_window_set_default_size(window_, width > 0 ? width : 400, height > 0 ? height : 700);
   } else {
     gtk_window_set_default_size(window_, 400, 700);

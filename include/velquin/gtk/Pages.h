@@ -209,10 +209,10 @@ class OVInAppMessagePage : public std::enable_shared_from_this<OVInAppMessagePag
   GtkWidget* closeButton_ = nullptr;
 };
 
-// Saves what `widget` shows (GTK widgets and web content) as a PNG file.
-// Waits, iterating the default main context for at most `limit`, until the web
-// views inside have painted. Returns false when the widget is not on screen
-// or the file cannot be written.
+// Saves what `widget` shows (GTK widgets and web content) as a PNG file. The
+// web content comes from WebKit's snapshots of the views, waited for by
+// iterating the default main context for at most `limit`. Returns false when
+// the widget is not on screen or the file cannot be written.
 bool saveSnapshot(GtkWidget* widget, const std::string& pngPath,
                   std::chrono::milliseconds limit = std::chrono::seconds(5));
 
