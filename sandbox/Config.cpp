@@ -28,7 +28,7 @@ constexpr const char* kWelcomePage = R"html(<!DOCTYPE html>
     display: flex; align-items: center; justify-content: center; font-size: 48px;
     box-shadow: 0 8px 24px rgba(0,0,0,.18);
   }
-  h1 { font-size: 2em; margin: .8em 0 .2em; letter-spacing: .01em; }
+  h1 { font-size: 1.7em; margin: .8em 1em .2em; letter-spacing: .01em; }
   p { margin: 0 2em; opacity: .9; line-height: 1.5; }
   .dots { margin-top: 2.5em; }
   .dots span {

@@ -42,10 +42,11 @@ std::shared_ptr<VelQuinOVPPaywallviewController> lock(gpointer data) {
 
 }  // namespace
 
-// Signal connections that must be undone when the views go away.
+// The content manager of the page's view and our handlers on it, undone
+// when the views go away.
 struct VelQuinOVPPaywallviewController::Signals {
   WebKitUserContentManager* userContentManager = nullptr;  // our reference
-  std::vector<std::pair<gpointer, gulong>> handlers;
+  std::vector<gulong> managerHandlers;
 };
 
 std::shared_ptr<VelQuinOVPPaywallviewController> VelQuinOVPPaywallviewController::create(
@@ -123,24 +124,22 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
       self->onPurchase(body);
     }
   };
-  signals_->handlers.emplace_back(
-      manager, connectWeak(manager, "script-message-received::getSkuDetails", onMessage, owner));
-  signals_->handlers.emplace_back(
-      manager, connectWeak(manager, "script-message-received::purchase", onMessage, owner));
+  signals_->managerHandlers.push_back(
+      connectWeak(manager, "script-message-received::getSkuDetails", onMessage, owner));
+  signals_->managerHandlers.push_back(
+      connectWeak(manager, "script-message-received::purchase", onMessage, owner));
 
   webView_ = detail::makeWebView(G_OBJECT(manager));
   gtk_overlay_set_child(GTK_OVERLAY(overlay), GTK_WIDGET(webView_));
-  signals_->handlers.emplace_back(
-      webView_, connectWeak(webView_, "notify::estimated-load-progress",
+  connectWeak(webView_, "notify::estimated-load-progress",
                             +[](GObject* view, GParamSpec*, gpointer data) {
                               if (auto self = lock(data)) {
                                 self->onProgress(webkit_web_view_get_estimated_load_progress(
                                     WEBKIT_WEB_VIEW(view)));
                               }
                             },
-                            owner));
-  signals_->handlers.emplace_back(
-      webView_, connectWeak(webView_, "load-changed",
+                            owner);
+  connectWeak(webView_, "load-changed",
                             +[](WebKitWebView*, WebKitLoadEvent event, gpointer data) {
                               auto self = lock(data);
                               if (!self || !self->progressView_) return;
@@ -150,7 +149,7 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
                                 gtk_widget_set_visible(self->progressView_, FALSE);
                               }
                             },
-                            owner));
+                            owner);
 
   progressView_ = gtk_progress_bar_new();
   gtk_widget_set_valign(progressView_, GTK_ALIGN_START);
@@ -159,12 +158,11 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
 
   closeButton_ = detail::makeCloseButton();
   gtk_overlay_add_overlay(GTK_OVERLAY(overlay), closeButton_);
-  signals_->handlers.emplace_back(closeButton_,
-                                  connectWeak(closeButton_, "clicked",
+  connectWeak(closeButton_, "clicked",
                                               +[](GtkButton*, gpointer data) {
                                                 if (auto self = lock(data)) self->closeAction();
                                               },
-                                              owner));
+                                              owner);
 
   activityIndicator_ = gtk_spinner_new();
   gtk_widget_set_size_request(activityIndicator_, 64, 64);
@@ -176,8 +174,7 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
 
   // The window going away (close button, parent destroyed, window manager)
   // ends the paywall.
-  signals_->handlers.emplace_back(
-      window_, connectWeak(window_, "destroy",
+  connectWeak(window_, "destroy",
                            +[](GtkWidget*, gpointer data) {
                              auto self = lock(data);
                              if (!self) return;
@@ -185,16 +182,16 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
                              auto& list = presentedList();
                              std::erase(list, self);
                            },
-                           owner));
+                           owner);
 }
 
 void VelQuinOVPPaywallviewController::tearDownViews() {
   if (!signals_) return;
-  for (auto& [instance, id] : signals_->handlers) {
-    if (g_signal_handler_is_connected(instance, id)) g_signal_handler_disconnect(instance, id);
-  }
-  signals_->handlers.clear();
+  // Handlers on the widgets go with the widgets (and see the views gone);
+  // the script message handlers are taken off the content manager we hold.
   if (auto* manager = signals_->userContentManager) {
+    for (auto id : signals_->managerHandlers) g_signal_handler_disconnect(manager, id);
+    signals_->managerHandlers.clear();
     webkit_user_content_manager_unregister_script_message_handler(manager, kGetSkuDetails, nullptr);
     webkit_user_content_manager_unregister_script_message_handler(manager, kPurchase, nullptr);
     g_object_unref(manager);
