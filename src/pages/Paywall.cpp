@@ -60,6 +60,9 @@ VelQuinOVPPaywallviewController::VelQuinOVPPaywallviewController(
     : htmlString_(std::move(htmlString)), signals_(std::make_unique<Signals>()) {}
 
 VelQuinOVPPaywallviewController::~VelQuinOVPPaywallviewController() {
+  if (coveredWindow_) {
+    g_object_remove_weak_pointer(G_OBJECT(coveredWindow_), reinterpret_cast<gpointer*>(&coveredWindow_));
+  }
   Velquin::shared().writeLog("VelQuinPaywall deinit");
   if (progressTimer_) MainQueue::shared().cancel(progressTimer_);
   tearDownViews();
@@ -89,6 +92,8 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
   gtk_window_set_title(window_, "Paywall");
   gtk_window_set_decorated(window_, FALSE);
   if (parent) {
+    coveredWindow_ = parent;
+    g_object_add_weak_pointer(G_OBJECT(parent), reinterpret_cast<gpointer*>(&coveredWindow_));
     gtk_window_set_transient_for(window_, parent);
     gtk_window_set_modal(window_, TRUE);
     gtk_window_set_destroy_with_parent(window_, TRUE);
@@ -178,9 +183,25 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
                            +[](GtkWidget*, gpointer data) {
                              auto self = lock(data);
                              if (!self) return;
+                             // The window it covered becomes the active one again.
+                             GtkWindow* covered = self->coveredWindow_;
                              self->tearDownViews();
                              auto& list = presentedList();
                              std::erase(list, self);
+                             if (!covered) return;
+                             // After the paywall's window is gone, or the focus would
+                             // go back to it.
+                             auto* held = g_object_ref(covered);
+                             g_idle_add_full(
+                                 G_PRIORITY_DEFAULT_IDLE,
+                                 [](gpointer coveredWindow) -> gboolean {
+                                   auto* host = GTK_WINDOW(coveredWindow);
+                                   if (gtk_widget_get_visible(GTK_WIDGET(host))) {
+                                     gtk_window_present(host);
+                                   }
+                                   return G_SOURCE_REMOVE;
+                                 },
+                                 held, g_object_unref);
                            },
                            owner);
 }

@@ -199,6 +199,9 @@ TEST_F(PaywallTest, ClosingRemovesTheBridgeAndFreesThePaywall) {
   paywall.reset();
   EXPECT_TRUE(weak.expired());
   EXPECT_TRUE(VelQuinOVPPaywallviewController::presented().empty());
+  // The host is the active window again, so the next paywall can be shown over it.
+  EXPECT_TRUE(iterateUntil([&] { return gtk_window_is_active(host); }));
+  EXPECT_EQ(gtk::VelQuinOVPTopViewController::topWindow(), host);
 }
 
 TEST_F(PaywallTest, WithoutAPageTheControllerFetchesItFromTheBackend) {

@@ -118,6 +118,7 @@ class VelQuinOVPPaywallviewController
 
   // Every field below is used on the main thread only.
   std::optional<std::string> htmlString_;
+  GtkWindow* coveredWindow_ = nullptr;  // the host window it is over; a GObject weak pointer
   GtkWindow* window_ = nullptr;
   WebKitWebView* webView_ = nullptr;
   GtkWidget* progressView_ = nullptr;
