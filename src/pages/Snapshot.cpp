@@ -51,12 +51,17 @@ void drawAt(GtkSnapshot* snapshot, GtkWidget* widget, GtkWidget* root) {
 
 bool saveSnapshot(GtkWidget* widget, const std::string& pngPath, std::chrono::milliseconds limit) {
   if (!widget || !gtk_widget_get_mapped(widget)) return false;
+  gint64 deadline = g_get_monotonic_time() +
+                    std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
+  // A window that was just shown has no size until its first layout.
+  while ((gtk_widget_get_width(widget) <= 0 || gtk_widget_get_height(widget) <= 0) &&
+         g_get_monotonic_time() < deadline) {
+    g_main_context_iteration(nullptr, FALSE);
+  }
   int width = gtk_widget_get_width(widget);
   int height = gtk_widget_get_height(widget);
   GtkNative* native = gtk_widget_get_native(widget);
   if (width <= 0 || height <= 0 || !native) return false;
-  gint64 deadline = g_get_monotonic_time() +
-                    std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
 
   std::vector<WebKitWebView*> views;
   collectWebViews(widget, views);
