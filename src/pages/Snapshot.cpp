@@ -50,14 +50,16 @@ void drawAt(GtkSnapshot* snapshot, GtkWidget* widget, GtkWidget* root) {
 }  // namespace
 
 bool saveSnapshot(GtkWidget* widget, const std::string& pngPath, std::chrono::milliseconds limit) {
-  if (!widget || !gtk_widget_get_mapped(widget)) return false;
+  if (!widget || !gtk_widget_get_visible(widget)) return false;
   gint64 deadline = g_get_monotonic_time() +
                     std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
-  // A window that was just shown has no size until its first layout.
-  while ((gtk_widget_get_width(widget) <= 0 || gtk_widget_get_height(widget) <= 0) &&
+  // A window that was just shown is mapped and sized a few events later.
+  while ((!gtk_widget_get_mapped(widget) || gtk_widget_get_width(widget) <= 0 ||
+          gtk_widget_get_height(widget) <= 0) &&
          g_get_monotonic_time() < deadline) {
     g_main_context_iteration(nullptr, FALSE);
   }
+  if (!gtk_widget_get_mapped(widget)) return false;
   int width = gtk_widget_get_width(widget);
   int height = gtk_widget_get_height(widget);
   GtkNative* native = gtk_widget_get_native(widget);

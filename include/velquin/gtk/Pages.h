@@ -212,8 +212,9 @@ class OVInAppMessagePage : public std::enable_shared_from_this<OVInAppMessagePag
 
 // Saves what `widget` shows (GTK widgets and web content) as a PNG file. The
 // web content comes from WebKit's snapshots of the views, waited for by
-// iterating the default main context for at most `limit`. Returns false when
-// the widget is not on screen or the file cannot be written.
+// iterating the default main context for at most `limit` (which also covers a
+// window just presented getting mapped). Returns false when the widget is not
+// on screen or the file cannot be written.
 bool saveSnapshot(GtkWidget* widget, const std::string& pngPath,
                   std::chrono::milliseconds limit = std::chrono::seconds(5));
 
