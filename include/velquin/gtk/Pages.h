@@ -124,8 +124,6 @@ class VelQuinOVPPaywallviewController
   GtkWidget* progressView_ = nullptr;
   GtkWidget* activityIndicator_ = nullptr;
   GtkWidget* closeButton_ = nullptr;
-  bool webDidFinishLoad_ = false;
-  bool hasNotToSendSkuWeb_ = false;
   std::optional<std::vector<std::string>> productId_array_;
   std::optional<std::map<std::string, SKProductPtr>> productSKProduct_;
   std::optional<Alert> alert_;
