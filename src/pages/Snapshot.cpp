@@ -105,8 +105,8 @@ bool saveSnapshot(GtkWidget* widget, const std::string& pngPath, std::chrono::mi
   }
   GskRenderNode* node = gtk_snapshot_free_to_node(snapshot);
   if (!node) return false;
-  graphene_rect_t bounds = GRAPHENE_RECT_INIT(0, 0, static_cast<float>(width),
-                                              static_cast<float>(height));
+  graphene_rect_t bounds;
+  graphene_rect_init(&bounds, 0, 0, static_cast<float>(width), static_cast<float>(height));
   GdkTexture* texture = gsk_renderer_render_texture(gtk_native_get_renderer(native), node, &bounds);
   gsk_render_node_unref(node);
   bool saved = texture && gdk_texture_save_to_png(texture, pngPath.c_str());
