@@ -3,7 +3,7 @@
 //
 // Ownership and threads: a process-wide object reached through shared(); it
 // runs a GLib main context on a thread of its own (headless hosts), or on the
-// host's GLib main context once useContext() names it (GTK hosts). Every
+// host's GLib main context once useHostContext() names it (GTK hosts). Every
 // member may be called from any thread.
 #pragma once
 
@@ -26,6 +26,11 @@ class VELQUIN_EXPORT MainQueue {
   using NowFunction = std::function<Clock::time_point()>;
 
   static MainQueue& shared();
+  // Makes shared() run on `context` (for example GTK's default context,
+  // iterated by the host's main loop) instead of a thread of its own. Takes
+  // effect only before the first use of shared(); returns whether shared()
+  // runs on `context`.
+  static bool useHostContext(GMainContext* context);
 
   // Starts a queue with its own thread and GLib main context.
   MainQueue();

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -123,6 +124,22 @@ class VELQUIN_EXPORT Velquin {
   void setCarrierProvider(CarrierProvider provider);
   // The main screen, as the host's toolkit reports it.
   void setScreen(const ScreenFacts& screen);
+
+  // The installed page presenter; null in a headless host. Any thread.
+  std::shared_ptr<PagePresenter> pagePresenter() const;
+
+  // The welcome page stored by the last GetAppConfig answer
+  // ("VelQuinWelcomHtmlData"); absent when none was stored. Any thread.
+  std::optional<std::string> storedWelcomePage() const;
+
+  // Asks the backend for the paywall page (GetAppConfig, handled as at
+  // start-up so the cache is refreshed); the completion runs once on a gRPC
+  // thread with the page (absent when the reply has none) and the error.
+  void fetchPaywallPage(
+      std::function<void(std::optional<std::string>, std::optional<Error>)> completion);
+
+  // Writes the SDK's purchase log line; only while purchase logs are on.
+  void writeLog(const std::string& message) const;
 
   // The delay, in seconds, before an in-app message is shown after the app
   // comes back from the background. Only stored for now.

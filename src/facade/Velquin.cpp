@@ -4,6 +4,8 @@
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
 #include "facade/CompositionRoot.h"
+#include "platform/Env.h"
+#include "purchases/OVDataCache.h"
 #include "purchases/OVPurchaseImpl.h"
 #include "support/OVCFunctionToolHelper.h"
 #include "support/OVUtils.h"
@@ -239,6 +241,35 @@ void Velquin::setFromBackgroudPointToDelayTime(double delayTime) {
 
 double Velquin::fromBackgroudPointToDelayTime() const {
   return delayTime_;
+}
+
+std::shared_ptr<PagePresenter> Velquin::pagePresenter() const {
+  return OVPurchaseImpl::shared().pagePresenter();
+}
+
+std::optional<std::string> Velquin::storedWelcomePage() const {
+  auto bytes = platform::Env::standard().userDefaults().dataForKey(OVDataCache::kWelcomePageKey);
+  if (!bytes) return std::nullopt;
+  return std::string(bytes->begin(), bytes->end());
+}
+
+void Velquin::fetchPaywallPage(
+    std::function<void(std::optional<std::string>, std::optional<Error>)> completion) {
+  network().getAppConfig(
+      [completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
+                                           std::optional<Error> error) {
+        OVPurchaseImpl::shared().handleAppConfig(reply ? &*reply : nullptr, error);
+        if (!completion) return;
+        if (reply && !error) {
+          completion(reply->paywall_page(), std::nullopt);
+        } else {
+          completion(std::nullopt, error);
+        }
+      });
+}
+
+void Velquin::writeLog(const std::string& message) const {
+  log(message);
 }
 
 }  // namespace velquin

@@ -3,6 +3,7 @@
 
 #include <glib.h>
 
+#include <atomic>
 #include <deque>
 #include <future>
 #include <map>
@@ -152,9 +153,28 @@ struct MainQueue::State : std::enable_shared_from_this<MainQueue::State> {
   }
 };
 
+namespace {
+// The process-wide queue: made once, on first use, and never freed.
+std::atomic<MainQueue*> sharedQueue{nullptr};
+std::mutex sharedQueueMutex;  // guards the making of sharedQueue
+}  // namespace
+
 MainQueue& MainQueue::shared() {
-  static MainQueue* queue = new MainQueue();  // lives for the process
-  return *queue;
+  if (auto* queue = sharedQueue.load(std::memory_order_acquire)) return *queue;
+  std::lock_guard lock(sharedQueueMutex);
+  if (!sharedQueue.load(std::memory_order_relaxed)) {
+    sharedQueue.store(new MainQueue(), std::memory_order_release);
+  }
+  return *sharedQueue.load(std::memory_order_relaxed);
+}
+
+bool MainQueue::useHostContext(GMainContext* context) {
+  std::lock_guard lock(sharedQueueMutex);
+  if (auto* queue = sharedQueue.load(std::memory_order_relaxed)) {
+    return queue->context() == context;
+  }
+  sharedQueue.store(new MainQueue(context), std::memory_order_release);
+  return true;
 }
 
 MainQueue::MainQueue() : state_(std::make_shared<State>()) {
