@@ -144,7 +144,7 @@ void breakdown(std::size_t events, const std::vector<velquin::OVRequest>& rows,
     request->setRequestId(std::to_string(static_cast<long long>(
         velquin::OVDeviceInfoManager::getCurrentMSimestamp() / 1000) + info.nextRequestNumber()));
     auto t1 = Clock::now();
-    cache.addRequest(*request);
+    request->setRowId(cache.addRequest(*request));
     auto t2 = Clock::now();
     manager.enqueueRequest(std::move(request));
     auto t3 = Clock::now();

@@ -77,16 +77,45 @@ std::optional<std::int64_t> OVRequestCache::largestRequestId() {
   return largest;
 }
 
-void OVRequestCache::addRequest(const OVRequest& request) {
-  if (!store_) return;
+bool OVRequestCache::checkpoint() {
+  if (!store_) return false;
+  bool done = false;
+  store_->zk_inDatabase([&] { done = store_->zk_executeUpdate("PRAGMA wal_checkpoint(TRUNCATE)"); });
+  return done;
+}
+
+std::optional<std::int64_t> OVRequestCache::addRequest(
+    const OVRequest& request, const std::function<void(std::int64_t rowId)>& inserted) {
+  if (!store_) return std::nullopt;
+  std::optional<std::int64_t> rowId;
   store_->zk_inDatabase([&] {
-    if (store_->zk_insertTable(kTableName, request)) return;
+    bool written = store_->zk_insertTable(kTableName, request);
     // The file may have been replaced after corruption: recreate the table
     // and try once more.
-    if (!store_->zk_isExistTable(kTableName) &&
+    if (!written && !store_->zk_isExistTable(kTableName) &&
         store_->zk_createTable(kTableName, OVRequest::zk_model())) {
-      store_->zk_insertTable(kTableName, request);
+      written = store_->zk_insertTable(kTableName, request);
     }
+    if (!written) return;
+    rowId = store_->lastInsertRowId();
+    if (inserted) inserted(*rowId);
+  });
+  return rowId;
+}
+
+bool OVRequestCache::deleteRows(const std::vector<std::int64_t>& rowIds) {
+  if (!store_) return false;
+  if (rowIds.empty()) return true;
+  // One statement and one commit for the whole batch; the ids are
+  // integers, so pasting them is safe.
+  std::string where = "WHERE pkid IN (";
+  for (std::size_t i = 0; i < rowIds.size(); ++i) {
+    if (i) where += ',';
+    where += std::to_string(rowIds[i]);
+  }
+  where += ')';
+  return store_->zk_inTransaction([&](bool& rollback) {
+    if (!store_->zk_deleteTable1(kTableName, where)) rollback = true;
   });
 }
 
