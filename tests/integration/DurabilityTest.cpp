@@ -201,5 +201,57 @@ TEST_F(Durability, TwoProcessesSharingTheCacheLoseAndRepeatNothing) {
   EXPECT_EQ(repeated, 0);
 }
 
+TEST_F(Durability, HostileInputIsRefusedWithAClearErrorAndNothingStored) {
+  auto refused = [&](const std::vector<std::string>& args, const std::string& says) {
+    int status = 0;
+    auto result = runHost(args, &status);
+    EXPECT_NE(status, 0) << result.dump();
+    ASSERT_TRUE(result.is_object()) << "no JSON answer for " << args.front();
+    ASSERT_TRUE(result.contains("error")) << result.dump();
+    EXPECT_NE(result["error"]["message"].get<std::string>().find(says), std::string::npos)
+        << result.dump();
+  };
+  refused({"track", "ev_\xff\xfe"}, "UTF-8");
+  refused({"track", "ev_params", "{\"k\":\"\xc3\x28\"}"}, "JSON");
+  std::string deep = "{\"k\":" + std::string(50000, '[') + std::string(50000, ']') + "}";
+  refused({"track", "ev_deep", deep}, "deeper");
+  refused({"track-many", "-1"}, "whole number");
+  refused({"track-many", "1e3"}, "whole number");
+  refused({"track-many", "10x"}, "whole number");
+  refused({"track", "ev_wait", "--wait", "nan"}, "--wait");
+  refused({"flush", "--wait", "-5"}, "--wait");
+  refused({"track-many", "1", "--ack-file", (env.root() / "missing" / "acks").string()},
+          "ack file");
+
+  // Nothing of it reached the cache or the backend.
+  auto flushed = run({"flush", "--wait", "10"});
+  EXPECT_EQ(flushed["remaining"], 0);
+  for (const auto& event : server->events()) {
+    EXPECT_TRUE(event.name.starts_with("ev_first_open") || event.name.starts_with("ev_app_start"))
+        << event.name;
+  }
+
+  int status = -1;
+  runHost({"-h"}, &status);
+  EXPECT_EQ(status, 0);
+  runHost({"track", "--help"}, &status);
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(Durability, WithoutAUsableCacheEventsGoOutButAreNotCalledStored) {
+  // The database file's place is taken by a folder: no database.
+  std::filesystem::create_directories(env.root() / "data" / env.bundleId() / "ZKFMDB.sqlite");
+  auto result = run({"track", "ev_undurable"});
+  ASSERT_TRUE(result.is_object()) << result.dump();
+  EXPECT_EQ(result["stored"], false);
+  EXPECT_EQ(result["delivered"], true);  // the backend acknowledged it
+
+  server->stop();
+  result = run({"track", "ev_lost", "--wait", "2"});
+  ASSERT_TRUE(result.is_object()) << result.dump();
+  EXPECT_EQ(result["stored"], false);
+  EXPECT_EQ(result["delivered"], false);
+}
+
 }  // namespace
 }  // namespace velquin::testing
