@@ -253,5 +253,34 @@ TEST_F(Durability, WithoutAUsableCacheEventsGoOutButAreNotCalledStored) {
   EXPECT_EQ(result["delivered"], false);
 }
 
+TEST_F(Durability, AUserIdThatIsNotUtf8IsNeverStored) {
+  auto first = run({"user-id"});
+  ASSERT_TRUE(first.is_object()) << first.dump();
+  const std::string before = first["userId"];
+  run({"user-info", "--user-id", "\xff\xfe"});
+  // Later starts neither abort nor see the refused id.
+  auto later = run({"track", "ev_after_bad_id"});
+  ASSERT_TRUE(later.is_object()) << later.dump();
+  EXPECT_EQ(later["delivered"], true);
+  auto after = run({"user-id"});
+  ASSERT_TRUE(after.is_object()) << after.dump();
+  EXPECT_EQ(after["userId"], before);
+}
+
+TEST_F(Durability, APathLikeBundleIdentifierFallsBackToTheDefaultName) {
+  {
+    std::ofstream out(env.bundleDir() / "Info.plist");
+    out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+        << "<key>CFBundleIdentifier</key><string>../../escape</string>"
+        << "<key>CFBundleShortVersionString</key><string>1.0</string>"
+        << "<key>CFBundleVersion</key><string>1</string></dict></plist>\n";
+  }
+  auto result = run({"track", "ev_contained", "--wait", "10"});
+  ASSERT_TRUE(result.is_object()) << result.dump();
+  EXPECT_FALSE(std::filesystem::exists(env.root() / "escape"));
+  EXPECT_FALSE(std::filesystem::exists(env.root().parent_path() / "escape"));
+  EXPECT_TRUE(std::filesystem::exists(env.root() / "data" / "velquin.app" / "ZKFMDB.sqlite"));
+}
+
 }  // namespace
 }  // namespace velquin::testing
