@@ -130,7 +130,10 @@ OVEventReceipt OVAnalytics::recordEvent(const std::optional<std::string>& name,
                                         const nlohmann::json& params, SuccessBlock success,
                                         FailureBlock failure) {
   OVEventReceipt receipt;
-  const nlohmann::json& value = params.is_null() ? nlohmann::json::object() : params;
+  // No copy of the caller's value: copying is recursive, and the value may
+  // nest deeper than the stack allows until it has been checked.
+  static const nlohmann::json kNoParameters = nlohmann::json::object();
+  const nlohmann::json& value = params.is_null() ? kNoParameters : params;
   std::optional<std::string> valueText;
   if (auto problem = checkEventInput(name, value, valueText)) {
     receipt.refused = Error{kAnalyticsErrorDomain, 1, *problem};
