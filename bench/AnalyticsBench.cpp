@@ -78,7 +78,7 @@ bool rawInsertRound(const std::filesystem::path& folder, const std::string& name
   {
     auto store = velquin::ZKFMDB::initWithDBName(name, folder);
     if (!store) return false;
-    velquin::OVRequestCache schema(store.get());  // table "user" and its index
+    velquin::OVRequestCache schema(store.get());  // table "user" as the library makes it
   }
   sqlite3* db = nullptr;
   if (sqlite3_open((folder / name).c_str(), &db) != SQLITE_OK) return false;

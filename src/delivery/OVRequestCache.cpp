@@ -1,5 +1,7 @@
 #include "delivery/OVRequestCache.h"
 
+#include <algorithm>
+
 #include "delivery/EventEnvelope.h"
 #include "support/Console.h"
 
@@ -35,9 +37,10 @@ OVRequestCache::OVRequestCache(ZKFMDB* store) : store_(store) {
     if (!store_->zk_isExistTable(kTableName)) {
       store_->zk_createTable(kTableName, OVRequest::zk_model());
     }
-    // Every delivered event deletes its row by id; without an index each
-    // delete would scan the whole backlog.
-    store_->zk_executeUpdate("CREATE INDEX IF NOT EXISTS user_requestId ON user (requestId)");
+    // Rows are deleted by pkid, which needs no index of its own; an index
+    // on requestId (made by earlier versions) would only add a page to
+    // every insert and every delete.
+    store_->zk_executeUpdate("DROP INDEX IF EXISTS user_requestId");
   });
 }
 
@@ -106,17 +109,22 @@ std::optional<std::int64_t> OVRequestCache::addRequest(
 bool OVRequestCache::deleteRows(const std::vector<std::int64_t>& rowIds) {
   if (!store_) return false;
   if (rowIds.empty()) return true;
-  // One statement and one commit for the whole batch; the ids are
-  // integers, so pasting them is safe.
-  std::string where = "WHERE pkid IN (";
-  for (std::size_t i = 0; i < rowIds.size(); ++i) {
-    if (i) where += ',';
-    where += std::to_string(rowIds[i]);
-  }
-  where += ')';
-  return store_->zk_inTransaction([&](bool& rollback) {
-    if (!store_->zk_deleteTable1(kTableName, where)) rollback = true;
+  // One statement per batch of up to 8 rows, kept prepared: one statement
+  // commits on its own, and the same few texts come back all the time.
+  constexpr std::size_t kBatch = 8;
+  bool deleted = true;
+  store_->zk_inDatabase([&] {
+    for (std::size_t first = 0; first < rowIds.size() && deleted; first += kBatch) {
+      const std::size_t count = std::min(kBatch, rowIds.size() - first);
+      std::string sql = "DELETE FROM user WHERE pkid IN (?";
+      for (std::size_t i = 1; i < count; ++i) sql += ",?";
+      sql += ")";
+      ZKArgs args(rowIds.begin() + static_cast<std::ptrdiff_t>(first),
+                  rowIds.begin() + static_cast<std::ptrdiff_t>(first + count));
+      deleted = store_->zk_executePrepared(sql, args);
+    }
   });
+  return deleted;
 }
 
 void OVRequestCache::deleteRequest(const std::optional<std::string>& requestId) {

@@ -194,18 +194,16 @@ void OVRequestManager::handleReply(const Pending& pending,
       }
       if (pending.success) pending.success(response);
     };
-    bool schedule = false;
+    bool deleteHere = false;
     {
       std::lock_guard lock(deleteMutex_);
       acknowledged_.push_back({key, request->rowId(), id, std::move(after)});
-      schedule = !deleteScheduled_;
+      deleteHere = !deleteScheduled_;
       deleteScheduled_ = true;
     }
-    if (schedule) {
-      deleteQueue_.async([weak = weak_from_this()] {
-        if (auto self = weak.lock()) self->deleteAcknowledged();
-      });
-    }
+    // The first reply to find no delete under way deletes right here, with
+    // whatever other replies have joined by then; the rest only join.
+    if (deleteHere) deleteAcknowledged();
     return;
   }
 
@@ -257,35 +255,40 @@ void OVRequestManager::reportFailedDelete(std::size_t rows) {
 }
 
 void OVRequestManager::deleteAcknowledged() {
-  std::vector<Acknowledged> batch;
-  {
-    std::lock_guard lock(deleteMutex_);
-    batch.swap(acknowledged_);
-    deleteScheduled_ = false;
-  }
-  std::vector<std::int64_t> rows;
-  std::vector<std::string> ids;
-  rows.reserve(batch.size());
-  for (const auto& entry : batch) {
-    if (entry.rowId) {
-      rows.push_back(*entry.rowId);
-    } else {
-      ids.push_back(entry.requestId);
+  for (;;) {
+    std::vector<Acknowledged> batch;
+    {
+      std::lock_guard lock(deleteMutex_);
+      if (acknowledged_.empty()) {
+        deleteScheduled_ = false;
+        return;
+      }
+      batch.swap(acknowledged_);
     }
+    std::vector<std::int64_t> rows;
+    std::vector<std::string> ids;
+    rows.reserve(batch.size());
+    for (const auto& entry : batch) {
+      if (entry.rowId) {
+        rows.push_back(*entry.rowId);
+      } else {
+        ids.push_back(entry.requestId);
+      }
+    }
+    bool deleted = true;
+    if (options_.cache && options_.cache->isAvailable()) {
+      deleted = options_.cache->deleteRows(rows);
+      options_.cache->deleteRequests(ids);
+    }
+    if (deleted) {
+      std::lock_guard lock(queueMutex_);
+      for (const auto& entry : batch) underWay_.erase(entry.key);
+    } else {
+      reportFailedDelete(rows.size());  // their claims stay: never sent again here
+    }
+    freeSlots(static_cast<int>(batch.size()));
+    for (auto& entry : batch) entry.after();
   }
-  bool deleted = true;
-  if (options_.cache && options_.cache->isAvailable()) {
-    deleted = options_.cache->deleteRows(rows);
-    options_.cache->deleteRequests(ids);
-  }
-  if (deleted) {
-    std::lock_guard lock(queueMutex_);
-    for (const auto& entry : batch) underWay_.erase(entry.key);
-  } else {
-    reportFailedDelete(rows.size());  // their claims stay: never sent again here
-  }
-  freeSlots(static_cast<int>(batch.size()));
-  for (auto& entry : batch) entry.after();
 }
 
 void OVRequestManager::startTimer() {

@@ -26,10 +26,11 @@
 // tools. Enqueue work runs on the serial queue addDelQueue_
 // ("com.addDel.www"). The send loop never blocks: when all three call slots
 // are taken, envelopes wait in the queue, and whoever frees a slot (a reply
-// on a gRPC callback thread, or a committed delete on deleteQueue_) runs the
+// on a gRPC callback thread, or a committed delete) runs the
 // loop again right there. No thread ever waits for a slot, so the fourth
 // request can neither deadlock a callback thread nor be lost. Acknowledged
-// rows are deleted in batches, one transaction each, on deleteQueue_; an
+// rows are deleted in batches on the callback thread of the reply that
+// found no delete under way (replies landing meanwhile join its batch); an
 // envelope's success block runs there after its row is gone. The 60-second
 // timer runs on the main queue. Replies and queued blocks hold the manager
 // weakly; the last reference may go on any of these threads, the manager's
@@ -177,8 +178,7 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   };
   std::mutex deleteMutex_;
   std::vector<Acknowledged> acknowledged_;  // guarded by deleteMutex_
-  bool deleteScheduled_ = false;            // guarded by deleteMutex_
-  support::SerialQueue deleteQueue_{"com.velquin.delivered"};
+  bool deleteScheduled_ = false;            // guarded by deleteMutex_: a batch is being taken
 
   // Last: destroyed first, so queued work finishes while the rest exists.
   support::SerialQueue addDelQueue_{"com.addDel.www"};

@@ -591,6 +591,19 @@ bool ZKFMDB::zk_deleteTable(const std::string& table) {
 
 bool ZKFMDB::zk_executeUpdate(const std::string& sql) { return execute("statement", sql); }
 
+bool ZKFMDB::zk_executePrepared(const std::string& sql, const ZKArgs& args) {
+  return guarded("statement", false, [&] {
+    SQLite::Statement& statement = cachedLocked(sql);
+    for (std::size_t i = 0; i < args.size(); ++i) {
+      bindValue(statement, static_cast<int>(i + 1), args[i]);
+    }
+    while (statement.executeStep()) {
+    }
+    statement.reset();
+    return true;
+  });
+}
+
 bool ZKFMDB::zk_deleteAllDataFromTable(const std::string& table) {
   return execute("delete all rows", "DELETE FROM " + table);
 }

@@ -170,6 +170,9 @@ class ZKFMDB {
 
   // Runs one statement with no arguments (indexes, pragmas).
   bool zk_executeUpdate(const std::string& sql);
+  // Runs one statement with `args` bound to its "?" parameters, kept
+  // prepared for the next call with the same text (hot paths).
+  bool zk_executePrepared(const std::string& sql, const ZKArgs& args);
 
   // --- queue --------------------------------------------------------------
   // Runs `block` on the serial database queue and waits for it.

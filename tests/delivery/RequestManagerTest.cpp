@@ -359,9 +359,8 @@ TEST_F(Delivery, ProcessesSharingTheFileWithCollidingRequestIdsLoseNothing) {
   for (const auto& [name, times] : seen) EXPECT_EQ(times, 1) << name;
 }
 
-TEST_F(Delivery, TheLastReferenceMayGoOnTheManagersOwnQueue) {
-  // The success block runs on the manager's delete queue; dropping the
-  // last reference there destroys the manager on its own queue.
+TEST_F(Delivery, TheLastReferenceMayGoInsideASuccessBlock) {
+  // The manager is then destroyed on the reply's own callback thread.
   std::weak_ptr<OVRequestManager> watch = manager;
   Await<bool> dropped;
   manager->enqueueRequest(stored("ev_last"), [&](const auto&) {
