@@ -5,8 +5,9 @@
 //
 // Without a store (the file cannot be opened: read-only or missing data
 // folder, ...) the cache logs once with support::warn and every operation
-// does nothing: analytics are then not cached rather than the host being
-// stopped, since the library must never take the host process down.
+// does nothing: analytics are then sent without being cached (and their
+// callers told so) rather than the host being stopped, since the library
+// must never take the host process down.
 //
 // Ownership and threads: shared() lives for the process; other instances
 // (over a store the caller owns, which must outlive them) serve tests and

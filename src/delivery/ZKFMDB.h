@@ -24,7 +24,9 @@
 // zk_inTransaction (the request cache does so for every read and write).
 // No exception leaves this class: SQLite errors become false / 0 / empty
 // results and one support::warn line. A file SQLite reports as corrupt is
-// renamed aside (never deleted) and a fresh database is opened in its place.
+// renamed aside (never deleted) and a fresh database is opened in its place,
+// with every table and row that could still be read from the damaged file.
+// The file is created readable by its owner only.
 #pragma once
 
 #include <cstdint>
