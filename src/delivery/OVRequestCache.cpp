@@ -80,6 +80,20 @@ std::optional<std::int64_t> OVRequestCache::largestRequestId() {
   return largest;
 }
 
+std::unordered_set<std::int64_t> OVRequestCache::rowIds() {
+  std::unordered_set<std::int64_t> ids;
+  if (!store_) return ids;
+  store_->zk_inDatabase([&] {
+    ZKColumns shape;
+    shape["pkid"] = "INTEGER";
+    for (const auto& record : store_->zk_lookupTable(kTableName, shape)) {
+      const auto& row = std::get<ZKRow>(record);
+      if (auto pkid = row.find("pkid"); pkid != row.end()) ids.insert(zkToInt64(pkid->second));
+    }
+  });
+  return ids;
+}
+
 bool OVRequestCache::checkpoint() {
   if (!store_) return false;
   bool done = false;
@@ -91,7 +105,10 @@ std::optional<std::int64_t> OVRequestCache::addRequest(
     const OVRequest& request, const std::function<void(std::int64_t rowId)>& inserted) {
   if (!store_) return std::nullopt;
   std::optional<std::int64_t> rowId;
-  store_->zk_inDatabase([&] {
+  // One transaction: `inserted` runs before the row is visible to any
+  // other connection, so another process sharing the file can never read
+  // it before its writer has claimed it.
+  const bool committed = store_->zk_inTransaction([&](bool& rollback) {
     bool written = store_->zk_insertTable(kTableName, request);
     // The file may have been replaced after corruption: recreate the table
     // and try once more.
@@ -99,10 +116,14 @@ std::optional<std::int64_t> OVRequestCache::addRequest(
         store_->zk_createTable(kTableName, OVRequest::zk_model())) {
       written = store_->zk_insertTable(kTableName, request);
     }
-    if (!written) return;
+    if (!written) {
+      rollback = true;
+      return;
+    }
     rowId = store_->lastInsertRowId();
     if (inserted) inserted(*rowId);
   });
+  if (!committed) return std::nullopt;
   return rowId;
 }
 

@@ -21,6 +21,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "delivery/OVRequest.h"
@@ -40,11 +41,18 @@ class OVRequestCache {
 
   // False when there is no store and every operation does nothing.
   bool isAvailable() const { return store_ != nullptr; }
+  // The side file of row leases next to the database (RowLeases); empty
+  // without a store.
+  std::filesystem::path leaseFile() const {
+    return store_ ? std::filesystem::path(store_->dbPath().string() + ".leases")
+                  : std::filesystem::path();
+  }
 
   // Inserts the envelope's row and returns its pkid; none when the row
   // could not be written (the store logs why). `inserted`, when given, runs
-  // on the database queue right after the insert, before any other reader
-  // of the table can see the row from this process.
+  // on the database queue inside the insert's transaction, before any other
+  // reader (of this process or another) can see the row; when the
+  // transaction then fails to commit the result is none.
   std::optional<std::int64_t> addRequest(
       const OVRequest& request, const std::function<void(std::int64_t rowId)>& inserted = nullptr);
   // Deletes the rows with this id. Ids are decimal numbers compared as
@@ -68,6 +76,8 @@ class OVRequestCache {
                        std::int64_t requestNumber);
   // Rows in the cache; with an id, the rows carrying that id.
   std::int64_t rowCount(const std::optional<std::string>& requestId = std::nullopt);
+  // The pkids of every cached row, read afresh.
+  std::unordered_set<std::int64_t> rowIds();
   // Moves the write-ahead log into the database file and empties it; true
   // when it did. For a clean exit.
   bool checkpoint();

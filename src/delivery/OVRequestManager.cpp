@@ -26,7 +26,11 @@ std::shared_ptr<OVRequestManager> OVRequestManager::create(Options options) {
 OVRequestManager::OVRequestManager(Options options)
     : options_(std::move(options)),
       stub_(std::make_unique<EventdStub>(options_.host, options_.rootCertificates,
-                                         options_.headers)) {}
+                                         options_.headers)) {
+  if (options_.cache && options_.cache->isAvailable()) {
+    leases_ = std::make_unique<RowLeases>(options_.cache->leaseFile());
+  }
+}
 
 OVRequestManager::~OVRequestManager() {
   stopping_ = true;  // rows not sent yet stay cached for the next start
@@ -58,13 +62,23 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     // Claimed on the database queue, before any upload of this process can
     // read the row: the upload then skips it.
     std::function<void(std::int64_t)> claim;
+    std::optional<std::int64_t> claimed;
     if (credentials) {
-      claim = [this](std::int64_t row) {
+      claim = [this, &claimed](std::int64_t row) {
         std::lock_guard lock(queueMutex_);
         underWay_.insert("row:" + std::to_string(row));
+        // Not yet visible to any other process: the lease is free.
+        if (leases_) leases_->acquire(row);
+        claimed = row;
       };
     }
     rowId = options_.cache->addRequest(*request, claim);
+    if (claimed && !rowId) {
+      // The insert did not commit: the row does not exist after all.
+      OVRequest gone;
+      gone.setRowId(claimed);
+      release(gone);
+    }
   }
   request->setRowId(rowId);
   if (!credentials) return rowId.has_value();
@@ -96,6 +110,8 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
         }
       } else if (!self->underWay_.insert(key).second) {
         return;  // this row is queued or in flight already
+      } else if (!self->leaseClaimedLocked(*pending.request, key)) {
+        return;  // another process is sending it
       }
       self->requestQueue_.push_back(std::move(pending));
     }
@@ -115,10 +131,18 @@ void OVRequestManager::enqueueClaimed(Pending pending) {
   });
 }
 
-void OVRequestManager::release(const std::string& key) {
+void OVRequestManager::release(const OVRequest& request) {
+  const std::string key = claimKey(request);
   if (key.empty()) return;
   std::lock_guard lock(queueMutex_);
   underWay_.erase(key);
+  if (leases_ && request.rowId()) leases_->release(*request.rowId());
+}
+
+bool OVRequestManager::leaseClaimedLocked(const OVRequest& request, const std::string& key) {
+  if (!leases_ || !request.rowId() || leases_->acquire(*request.rowId())) return true;
+  underWay_.erase(key);
+  return false;
 }
 
 void OVRequestManager::freeSlots(int count) {
@@ -221,14 +245,14 @@ void OVRequestManager::handleReply(const Pending& pending,
   } else if (reachable && !noAnswer(error, stopping_)) {
     // Out of retries and the backend answered each time: given up.
     if (deleteRow(*request)) {
-      release(key);
+      release(*request);
     } else {
       reportFailedDelete(1);  // stays claimed: never sent again by this process
     }
   } else {
     // Unreachable, or no answer from the backend: the row stays in the
     // cache for the timer and the next start.
-    release(key);
+    release(*request);
   }
   freeSlots(1);
 
@@ -282,7 +306,10 @@ void OVRequestManager::deleteAcknowledged() {
     }
     if (deleted) {
       std::lock_guard lock(queueMutex_);
-      for (const auto& entry : batch) underWay_.erase(entry.key);
+      for (const auto& entry : batch) {
+        underWay_.erase(entry.key);
+        if (leases_ && entry.rowId) leases_->release(*entry.rowId);
+      }
     } else {
       reportFailedDelete(rows.size());  // their claims stay: never sent again here
     }
@@ -329,10 +356,25 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
         std::lock_guard lock(queueMutex_);
         for (const auto& row : *restored) {
           const std::string key = claimKey(*row);
-          if (key.empty() || underWay_.insert(key).second) claimed.push_back(row);
+          if (key.empty()) {
+            claimed.push_back(row);
+          } else if (underWay_.insert(key).second && leaseClaimedLocked(*row, key)) {
+            claimed.push_back(row);
+          }
         }
       });
-  for (auto& row : claimed) enqueueClaimed(Pending{std::move(row), success, failure});
+  if (claimed.empty()) return;
+  // A process sharing the file releases a row's lease only after its delete
+  // has committed: a row read before that delete but leased after it is
+  // gone now, and must not be sent again.
+  const auto existing = options_.cache->rowIds();
+  for (auto& row : claimed) {
+    if (row->rowId() && !existing.count(*row->rowId())) {
+      release(*row);
+      continue;
+    }
+    enqueueClaimed(Pending{std::move(row), success, failure});
+  }
 }
 
 }  // namespace velquin

@@ -16,7 +16,8 @@
 // manager is on the database queue (at insert in submit(), at the read of
 // uploadCacheData()) and released only once its delete has committed, so a
 // row that got a reply is never sent again by this process, whatever
-// overlaps. A call's slot stays taken until its row's delete has committed,
+// overlaps. A claim also takes the row's lease (RowLeases), so a process
+// sharing the file skips rows another live process is sending. A call's slot stays taken until its row's delete has committed,
 // so a crash re-sends at most the three rows of the calls in flight. A row
 // whose delete fails stays claimed: this process never sends it again (and
 // says so once).
@@ -55,6 +56,7 @@
 #include "backend/EventdStub.h"
 #include "delivery/EventRequestBuilder.h"
 #include "delivery/OVRequest.h"
+#include "delivery/RowLeases.h"
 #include "support/SerialQueue.h"
 #include "velquin/Error.h"
 #include "velquin/MainQueue.h"
@@ -144,7 +146,11 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   void deleteAcknowledged();
   // Deletes the row of an envelope given up; true when it is gone.
   bool deleteRow(const OVRequest& request);
-  void release(const std::string& key);
+  // Drops the claim and the lease of a row.
+  void release(const OVRequest& request);
+  // Takes the row's lease after its claim; false when another process holds
+  // it (the claim is then dropped again). Called with queueMutex_ held.
+  bool leaseClaimedLocked(const OVRequest& request, const std::string& key);
   void freeSlots(int count);
   void reportFailedDelete(std::size_t rows);
   DeviceFacts currentFacts();
@@ -152,6 +158,7 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
 
   const Options options_;
   std::unique_ptr<EventdStub> stub_;  // built once; safe to share between threads
+  std::unique_ptr<RowLeases> leases_;  // built once; null without a cache; thread-safe
 
   mutable std::mutex queueMutex_;
   std::deque<Pending> requestQueue_;           // guarded by queueMutex_
