@@ -78,7 +78,7 @@ bool rawInsertRound(const std::filesystem::path& folder, const std::string& name
   {
     auto store = velquin::ZKFMDB::initWithDBName(name, folder);
     if (!store) return false;
-    velquin::OVRequestCache schema(store.get());  // table "user" and its index
+    velquin::OVRequestCache schema(store.get());  // table "user" as the library makes it
   }
   sqlite3* db = nullptr;
   if (sqlite3_open((folder / name).c_str(), &db) != SQLITE_OK) return false;
@@ -144,7 +144,7 @@ void breakdown(std::size_t events, const std::vector<velquin::OVRequest>& rows,
     request->setRequestId(std::to_string(static_cast<long long>(
         velquin::OVDeviceInfoManager::getCurrentMSimestamp() / 1000) + info.nextRequestNumber()));
     auto t1 = Clock::now();
-    cache.addRequest(*request);
+    request->setRowId(cache.addRequest(*request));
     auto t2 = Clock::now();
     manager.enqueueRequest(std::move(request));
     auto t3 = Clock::now();

@@ -485,6 +485,7 @@ int runBreakdown(velquin::bench::BenchSandbox& sandbox, std::size_t events) {
   if (!store) return 1;
   velquin::OVRequestCache cache(store.get());
   std::vector<std::shared_ptr<velquin::OVRequest>> rows;
+  std::vector<std::int64_t> rowIds;  // pkid of each row written
   {
     const double start = threadCpuSeconds();
     for (std::size_t i = 0; i < events; ++i) {
@@ -495,7 +496,7 @@ int runBreakdown(velquin::bench::BenchSandbox& sandbox, std::size_t events) {
       request.setParams(std::move(envelope));
       request.setRequestId(std::to_string(1'700'000'000 + i));
       request.setReliability(1);
-      cache.addRequest(request);
+      rowIds.push_back(cache.addRequest(request).value_or(0));
     }
     std::printf("step build an envelope and addRequest (insert one row): %.1f us CPU\n",
                 (threadCpuSeconds() - start) * 1e6 / static_cast<double>(events));
@@ -565,8 +566,8 @@ int runBreakdown(velquin::bench::BenchSandbox& sandbox, std::size_t events) {
     std::printf("step FireEventCall::start from a non-gRPC thread: %.1f us CPU\n",
                 startCpu * 1e6 / static_cast<double>(calls));
   }
-  timeSteps("deleteRequest by id (indexed)", [&](std::size_t i) {
-    cache.deleteRequest(std::to_string(1'700'000'000 + i));
+  timeSteps("deleteRows of one row by pkid", [&](std::size_t i) {
+    cache.deleteRows({rowIds[i]});
   });
   std::int64_t left = 0;
   store->zk_inDatabase([&] { left = store->zk_tableItemCount(velquin::OVRequestCache::kTableName); });

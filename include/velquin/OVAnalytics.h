@@ -74,12 +74,37 @@ struct VELQUIN_EXPORT ParamModel {
   nlohmann::json toDictionary() const;
 };
 
+// What recordEvent() did with one event.
+struct VELQUIN_EXPORT OVEventReceipt {
+  std::string requestId;         // empty when the event was refused
+  // True when the event is in the local cache and survives this process;
+  // false when the cache could not be written: the event is then sent from
+  // memory only (or, before start-up has the app key, not at all).
+  bool stored = false;
+  std::optional<Error> refused;  // the event was refused: nothing stored, nothing sent
+};
+
 class VELQUIN_EXPORT OVAnalytics {
  public:
   using SuccessBlock = std::function<void(const OVEventResponse&)>;
   using FailureBlock = std::function<void(const Error&)>;
 
-  // Each returns the request id of the stored event.
+  // Limits checked before anything is stored: the nesting depth of the
+  // parameters and the size of their JSON text (the backend refuses
+  // messages over 4 MB).
+  static constexpr int kMaxParameterDepth = 64;
+  static constexpr std::size_t kMaxParameterBytes = 1024 * 1024;
+
+  // Sends one event durably. Refused (with `refused` set, the failure
+  // block called once, nothing stored) when the name or parameters are not
+  // valid UTF-8, the parameters nest deeper than kMaxParameterDepth or their
+  // JSON text is longer than kMaxParameterBytes.
+  OVEventReceipt recordEvent(const std::optional<std::string>& eventName,
+                             const nlohmann::json& params = nlohmann::json::object(),
+                             SuccessBlock success = nullptr, FailureBlock failure = nullptr);
+
+  // Each returns the request id of the stored event (empty when refused,
+  // see recordEvent).
   std::string uploadBigDataWithType(EventType type, const ParamModel& paramModel,
                                     SuccessBlock success = nullptr, FailureBlock failure = nullptr);
   std::string uploadBigDataWithType(EventType type,
@@ -111,6 +136,9 @@ class VELQUIN_EXPORT OVAnalytics {
   void uploadCachedEvents();
   // True when no event is waiting for a call slot or in flight.
   bool isDeliveryIdle();
+  // Moves what the cache's write-ahead log holds into the database file;
+  // for a host about to exit.
+  void checkpointEventCache();
 };
 
 }  // namespace velquin

@@ -1,6 +1,8 @@
 #include "velquin/OVAnalytics.h"
 
+#include <algorithm>
 #include <chrono>
+#include <vector>
 
 #include "analytics/OVDeviceInfoManager.h"
 #include "analytics/OVDeviceInfoManagerHelper.h"
@@ -9,6 +11,7 @@
 #include "delivery/OVRequestCache.h"
 #include "delivery/OVRequestManager.h"
 #include "platform/Env.h"
+#include "support/Console.h"
 #include "support/OVCFunctionToolHelper.h"
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
@@ -23,6 +26,51 @@ OVRequestManager::SuccessBlock adaptSuccess(OVAnalytics::SuccessBlock success) {
   return [success = std::move(success)](const protocol::EventResponse& reply) {
     success(OVEventResponse{reply.status()});
   };
+}
+
+constexpr const char* kAnalyticsErrorDomain = "velquin-analytics";
+
+// The nesting depth of `value`, walked without recursion (a hostile value
+// may nest deeper than the stack allows); stops counting past `limit`.
+int nestingDepth(const nlohmann::json& value, int limit) {
+  std::vector<std::pair<const nlohmann::json*, int>> todo{{&value, 1}};
+  int deepest = 0;
+  while (!todo.empty()) {
+    auto [node, depth] = todo.back();
+    todo.pop_back();
+    if (!node->is_structured()) continue;
+    deepest = std::max(deepest, depth);
+    if (deepest > limit) return deepest;
+    for (const auto& child : *node) todo.emplace_back(&child, depth + 1);
+  }
+  return deepest;
+}
+
+// Why an event cannot be taken, if it cannot; otherwise `text` is the
+// parameters' compact JSON.
+std::optional<std::string> checkEventInput(const std::optional<std::string>& name,
+                                           const nlohmann::json& params,
+                                           std::optional<std::string>& text) {
+  try {
+    if (name) (void)nlohmann::json(*name).dump();
+  } catch (const nlohmann::json::exception&) {
+    return std::string("the event name is not valid UTF-8");
+  }
+  if (nestingDepth(params, OVAnalytics::kMaxParameterDepth) > OVAnalytics::kMaxParameterDepth) {
+    return "the event parameters nest deeper than " +
+           std::to_string(OVAnalytics::kMaxParameterDepth) + " levels";
+  }
+  try {
+    text = params.dump();
+  } catch (const nlohmann::json::exception&) {
+    return std::string("the event parameters are not valid UTF-8");
+  }
+  if (text->size() > OVAnalytics::kMaxParameterBytes) {
+    return "the event parameters are " + std::to_string(text->size()) +
+           " bytes of JSON, more than the " + std::to_string(OVAnalytics::kMaxParameterBytes) +
+           " an event may carry";
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -76,19 +124,35 @@ std::string OVAnalytics::uploadBigDataWithType(EventType type, const nlohmann::j
 std::string OVAnalytics::uploadBigDataWithEvent(const std::optional<std::string>& name,
                                                 const nlohmann::json& params,
                                                 SuccessBlock success, FailureBlock failure) {
+  return recordEvent(name, params, std::move(success), std::move(failure)).requestId;
+}
+
+OVEventReceipt OVAnalytics::recordEvent(const std::optional<std::string>& name,
+                                        const nlohmann::json& params, SuccessBlock success,
+                                        FailureBlock failure) {
+  OVEventReceipt receipt;
+  // No copy of the caller's value: copying is recursive, and the value may
+  // nest deeper than the stack allows until it has been checked.
+  static const nlohmann::json kNoParameters = nlohmann::json::object();
+  const nlohmann::json& value = params.is_null() ? kNoParameters : params;
+  std::optional<std::string> valueText;
+  if (auto problem = checkEventInput(name, value, valueText)) {
+    receipt.refused = Error{kAnalyticsErrorDomain, 1, *problem};
+    support::warn("event refused: " + *problem);
+    if (failure) failure(*receipt.refused);
+    return receipt;
+  }
   // The cache first: opening it moves the request counter past the ids of
   // rows an earlier run left behind.
-  auto& cache = OVRequestCache::shared();
+  OVRequestCache::shared();
   auto& deviceInfo = OVDeviceInfoManager::shared();
-  const nlohmann::json& value = params.is_null() ? nlohmann::json::object() : params;
-  auto request = makeEventEnvelope({name, OVCFunctionToolHelper::DataTOjsonString(value),
-                                    deviceInfo.userId(), deviceInfo.nextRequestNumber()});
-  std::string id = request->requestIdText();
+  auto request = makeEventEnvelope(
+      {name, std::move(valueText), deviceInfo.userId(), deviceInfo.nextRequestNumber()});
+  receipt.requestId = request->requestIdText();
   // Stored before it is sent: from here on the event survives anything.
-  cache.addRequest(*request);
-  OVRequestManager::shared().enqueueRequest(std::move(request), adaptSuccess(std::move(success)),
-                                            std::move(failure));
-  return id;
+  receipt.stored = OVRequestManager::shared().submit(
+      std::move(request), adaptSuccess(std::move(success)), std::move(failure));
+  return receipt;
 }
 
 void OVAnalytics::registerBigDataWitInfoPlist() {
@@ -121,6 +185,8 @@ bool OVAnalytics::canSendEvents() const {
 }
 
 void OVAnalytics::uploadCachedEvents() { OVRequestManager::shared().uploadCacheData(); }
+
+void OVAnalytics::checkpointEventCache() { OVRequestCache::shared().checkpoint(); }
 
 bool OVAnalytics::isDeliveryIdle() {
   auto& manager = OVRequestManager::shared();

@@ -1,5 +1,7 @@
 #include "analytics/OVDeviceInfoManager.h"
 
+#include <glib.h>
+
 #include <curl/curl.h>
 
 #include <array>
@@ -218,6 +220,12 @@ std::string OVDeviceInfoManager::userId() const {
 }
 
 void OVDeviceInfoManager::setUserId(const std::string& userId) {
+  // Every event carries the id in JSON: text that is not UTF-8 would make
+  // each of them fail to serialise.
+  if (!g_utf8_validate(userId.data(), static_cast<gssize>(userId.size()), nullptr)) {
+    support::warn("user id refused: it is not valid UTF-8");
+    return;
+  }
   support::MutexLock lock(mutex_);
   userId_ = userId;
 }

@@ -57,6 +57,9 @@ class ZKModelObject {
  public:
   virtual ~ZKModelObject() = default;
   virtual const ZKModelDescription& zk_modelDescription() const = 0;
+  // Told the pkid of the row a lookup restored the object from; objects
+  // that keep no row identity ignore it.
+  virtual void zk_setPrimaryKey(std::int64_t /*pkid*/) {}
 
  protected:
   ZKModelObject() = default;

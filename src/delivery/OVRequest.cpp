@@ -70,6 +70,7 @@ OVRequest& OVRequest::operator=(const OVRequest& other) {
   setParams(other.params_);
   paramStr_ = other.paramStr_;
   retryCount_ = other.retryCount_;  // carried as it is, after the reliability rule
+  rowId_ = other.rowId_;
   return *this;
 }
 

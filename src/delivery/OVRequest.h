@@ -13,7 +13,7 @@
 //   envelope share it, so they stay equal to their source, while an envelope
 //   given an equal text of its own is a different request. Envelopes without
 //   an id are equal only to themselves.
-// - A copy carries all five properties; its paramStr is recomputed from its
+// - A copy carries all five properties and the row id; its paramStr is recomputed from its
 //   params and then replaced by the source's paramStr.
 //
 // Ownership and threads: a plain value owned by its holder; not safe for
@@ -69,6 +69,14 @@ class OVRequest final : public ZKModelObject {
 
   bool operator==(const OVRequest& other) const;
 
+  // The cached row this envelope was written to or read from (its pkid):
+  // the identity the request manager queues and deletes by, unique across
+  // processes sharing the file, unlike the request id. Not a column of its
+  // own; absent for an envelope that was never cached.
+  const std::optional<std::int64_t>& rowId() const { return rowId_; }
+  void setRowId(std::optional<std::int64_t> rowId) { rowId_ = rowId; }
+  void zk_setPrimaryKey(std::int64_t pkid) override { rowId_ = pkid; }
+
   // Class-level metadata; the table store does not consult it.
   static const char* primaryKey() { return "requestId"; }
   static std::vector<std::string> ignoredProperties() { return {"params"}; }
@@ -83,6 +91,7 @@ class OVRequest final : public ZKModelObject {
   std::optional<nlohmann::json> params_;
   std::int64_t reliability_ = 1;
   std::optional<std::string> paramStr_;
+  std::optional<std::int64_t> rowId_;
 };
 
 }  // namespace velquin

@@ -1,5 +1,7 @@
 #include "delivery/OVRequestCache.h"
 
+#include <algorithm>
+
 #include "delivery/EventEnvelope.h"
 #include "support/Console.h"
 
@@ -35,9 +37,10 @@ OVRequestCache::OVRequestCache(ZKFMDB* store) : store_(store) {
     if (!store_->zk_isExistTable(kTableName)) {
       store_->zk_createTable(kTableName, OVRequest::zk_model());
     }
-    // Every delivered event deletes its row by id; without an index each
-    // delete would scan the whole backlog.
-    store_->zk_executeUpdate("CREATE INDEX IF NOT EXISTS user_requestId ON user (requestId)");
+    // Rows are deleted by pkid, which needs no index of its own; an index
+    // on requestId (made by earlier versions) would only add a page to
+    // every insert and every delete.
+    store_->zk_executeUpdate("DROP INDEX IF EXISTS user_requestId");
   });
 }
 
@@ -77,17 +80,72 @@ std::optional<std::int64_t> OVRequestCache::largestRequestId() {
   return largest;
 }
 
-void OVRequestCache::addRequest(const OVRequest& request) {
-  if (!store_) return;
+std::unordered_set<std::int64_t> OVRequestCache::rowIds() {
+  std::unordered_set<std::int64_t> ids;
+  if (!store_) return ids;
   store_->zk_inDatabase([&] {
-    if (store_->zk_insertTable(kTableName, request)) return;
-    // The file may have been replaced after corruption: recreate the table
-    // and try once more.
-    if (!store_->zk_isExistTable(kTableName) &&
-        store_->zk_createTable(kTableName, OVRequest::zk_model())) {
-      store_->zk_insertTable(kTableName, request);
+    ZKColumns shape;
+    shape["pkid"] = "INTEGER";
+    for (const auto& record : store_->zk_lookupTable(kTableName, shape)) {
+      const auto& row = std::get<ZKRow>(record);
+      if (auto pkid = row.find("pkid"); pkid != row.end()) ids.insert(zkToInt64(pkid->second));
     }
   });
+  return ids;
+}
+
+bool OVRequestCache::checkpoint() {
+  if (!store_) return false;
+  bool done = false;
+  store_->zk_inDatabase([&] { done = store_->zk_executeUpdate("PRAGMA wal_checkpoint(TRUNCATE)"); });
+  return done;
+}
+
+std::optional<std::int64_t> OVRequestCache::addRequest(
+    const OVRequest& request, const std::function<void(std::int64_t rowId)>& inserted) {
+  if (!store_) return std::nullopt;
+  std::optional<std::int64_t> rowId;
+  // One transaction: `inserted` runs before the row is visible to any
+  // other connection, so another process sharing the file can never read
+  // it before its writer has claimed it.
+  const bool committed = store_->zk_inTransaction([&](bool& rollback) {
+    bool written = store_->zk_insertTable(kTableName, request);
+    // The file may have been replaced after corruption: recreate the table
+    // and try once more.
+    if (!written && !store_->zk_isExistTable(kTableName) &&
+        store_->zk_createTable(kTableName, OVRequest::zk_model())) {
+      written = store_->zk_insertTable(kTableName, request);
+    }
+    if (!written) {
+      rollback = true;
+      return;
+    }
+    rowId = store_->lastInsertRowId();
+    if (inserted) inserted(*rowId);
+  });
+  if (!committed) return std::nullopt;
+  return rowId;
+}
+
+bool OVRequestCache::deleteRows(const std::vector<std::int64_t>& rowIds) {
+  if (!store_) return false;
+  if (rowIds.empty()) return true;
+  // One statement per batch of up to 8 rows, kept prepared: one statement
+  // commits on its own, and the same few texts come back all the time.
+  constexpr std::size_t kBatch = 8;
+  bool deleted = true;
+  store_->zk_inDatabase([&] {
+    for (std::size_t first = 0; first < rowIds.size() && deleted; first += kBatch) {
+      const std::size_t count = std::min(kBatch, rowIds.size() - first);
+      std::string sql = "DELETE FROM user WHERE pkid IN (?";
+      for (std::size_t i = 1; i < count; ++i) sql += ",?";
+      sql += ")";
+      ZKArgs args(rowIds.begin() + static_cast<std::ptrdiff_t>(first),
+                  rowIds.begin() + static_cast<std::ptrdiff_t>(first + count));
+      deleted = store_->zk_executePrepared(sql, args);
+    }
+  });
+  return deleted;
 }
 
 void OVRequestCache::deleteRequest(const std::optional<std::string>& requestId) {

@@ -5,8 +5,9 @@
 //
 // Without a store (the file cannot be opened: read-only or missing data
 // folder, ...) the cache logs once with support::warn and every operation
-// does nothing: analytics are then not cached rather than the host being
-// stopped, since the library must never take the host process down.
+// does nothing: analytics are then sent without being cached (and their
+// callers told so) rather than the host being stopped, since the library
+// must never take the host process down.
 //
 // Ownership and threads: shared() lives for the process; other instances
 // (over a store the caller owns, which must outlive them) serve tests and
@@ -20,6 +21,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "delivery/OVRequest.h"
@@ -39,19 +41,32 @@ class OVRequestCache {
 
   // False when there is no store and every operation does nothing.
   bool isAvailable() const { return store_ != nullptr; }
+  // The side file of row leases next to the database (RowLeases); empty
+  // without a store.
+  std::filesystem::path leaseFile() const {
+    return store_ ? std::filesystem::path(store_->dbPath().string() + ".leases")
+                  : std::filesystem::path();
+  }
 
-  // Inserts the envelope's row. Failures are logged by the store; a
-  // request that could not be written is not cached.
-  void addRequest(const OVRequest& request);
+  // Inserts the envelope's row and returns its pkid; none when the row
+  // could not be written (the store logs why). `inserted`, when given, runs
+  // on the database queue inside the insert's transaction, before any other
+  // reader (of this process or another) can see the row; when the
+  // transaction then fails to commit the result is none.
+  std::optional<std::int64_t> addRequest(
+      const OVRequest& request, const std::function<void(std::int64_t rowId)>& inserted = nullptr);
   // Deletes the rows with this id. Ids are decimal numbers compared as
   // numbers; any other id (or none) deletes nothing.
   void deleteRequest(const std::optional<std::string>& requestId);
   // deleteRequest for many ids, in one transaction.
   void deleteRequests(const std::vector<std::string>& requestIds);
+  // Deletes the rows with these pkids in one transaction; true when it
+  // committed (every row is then gone).
+  bool deleteRows(const std::vector<std::int64_t>& rowIds);
   using FinishBlock =
       std::function<void(const std::optional<std::vector<std::shared_ptr<OVRequest>>>&)>;
   // Every row restored as a fresh envelope (params absent, paramStr as
-  // stored), in table order; nullopt when there is no store.
+  // stored, rowId its pkid), in table order; nullopt when there is no store.
   void allRequestsFromFmdbWihtClass(const ZKModelDescription& rowModel,
                                     const FinishBlock& finishBlock);
   // Writes a "falal_crash" event for the next start to send, built by the
@@ -61,6 +76,11 @@ class OVRequestCache {
                        std::int64_t requestNumber);
   // Rows in the cache; with an id, the rows carrying that id.
   std::int64_t rowCount(const std::optional<std::string>& requestId = std::nullopt);
+  // The pkids of every cached row, read afresh.
+  std::unordered_set<std::int64_t> rowIds();
+  // Moves the write-ahead log into the database file and empties it; true
+  // when it did. For a clean exit.
+  bool checkpoint();
   // The numerically largest cached request id, if any row has one.
   std::optional<std::int64_t> largestRequestId();
 

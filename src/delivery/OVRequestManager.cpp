@@ -6,11 +6,15 @@
 namespace velquin {
 namespace {
 
-bool transportFailure(const std::optional<Error>& error) {
+// True when the call failed without an answer from the backend: it could
+// not be reached, did not answer before the deadline, or the SDK cancelled
+// the call itself (only while shutting down). Any other status is one the
+// backend sent.
+bool noAnswer(const std::optional<Error>& error, bool cancelledBySdk) {
   if (!error) return true;
   return error->code == grpc::StatusCode::UNAVAILABLE ||
          error->code == grpc::StatusCode::DEADLINE_EXCEEDED ||
-         error->code == grpc::StatusCode::CANCELLED;
+         (error->code == grpc::StatusCode::CANCELLED && cancelledBySdk);
 }
 
 }  // namespace
@@ -22,7 +26,11 @@ std::shared_ptr<OVRequestManager> OVRequestManager::create(Options options) {
 OVRequestManager::OVRequestManager(Options options)
     : options_(std::move(options)),
       stub_(std::make_unique<EventdStub>(options_.host, options_.rootCertificates,
-                                         options_.headers)) {}
+                                         options_.headers)) {
+  if (options_.cache && options_.cache->isAvailable()) {
+    leases_ = std::make_unique<RowLeases>(options_.cache->leaseFile());
+  }
+}
 
 OVRequestManager::~OVRequestManager() {
   stopping_ = true;  // rows not sent yet stay cached for the next start
@@ -39,10 +47,55 @@ size_t OVRequestManager::queued() const {
 
 void OVRequestManager::drainQueue() { addDelQueue_.sync([] {}); }
 
+std::string OVRequestManager::claimKey(const OVRequest& request) {
+  if (request.rowId()) return "row:" + std::to_string(*request.rowId());
+  const std::string id = request.requestIdText();
+  return id.empty() ? std::string() : "id:" + id;
+}
+
+bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock success,
+                              FailureBlock failure) {
+  if (!request) return false;
+  const bool credentials = hasCredentials();
+  std::optional<std::int64_t> rowId;
+  if (options_.cache && options_.cache->isAvailable()) {
+    // Claimed on the database queue, before any upload of this process can
+    // read the row: the upload then skips it.
+    std::function<void(std::int64_t)> claim;
+    std::optional<std::int64_t> claimed;
+    if (credentials) {
+      claim = [this, &claimed](std::int64_t row) {
+        std::lock_guard lock(queueMutex_);
+        underWay_.insert("row:" + std::to_string(row));
+        // Not yet visible to any other process: the lease is free.
+        if (leases_) leases_->acquire(row);
+        claimed = row;
+      };
+    }
+    rowId = options_.cache->addRequest(*request, claim);
+    if (claimed && !rowId) {
+      // The insert did not commit: the row does not exist after all.
+      OVRequest gone;
+      gone.setRowId(claimed);
+      release(gone);
+    }
+  }
+  request->setRowId(rowId);
+  if (!credentials) return rowId.has_value();
+  if (!rowId) {
+    // Not durable: sent from memory only. Claimed by its request id, which
+    // is unique within this process.
+    std::lock_guard lock(queueMutex_);
+    underWay_.insert(claimKey(*request));
+  }
+  enqueueClaimed(Pending{std::move(request), std::move(success), std::move(failure)});
+  return rowId.has_value();
+}
+
 void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, SuccessBlock success,
                                       FailureBlock failure) {
   if (!request) return;
-  if (options_.hasCredentials && !options_.hasCredentials()) return;
+  if (!hasCredentials()) return;
   addDelQueue_.async([weak = weak_from_this(),
                       pending = Pending{std::move(request), std::move(success),
                                         std::move(failure)}]() mutable {
@@ -50,13 +103,15 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
     if (!self) return;
     {
       std::lock_guard lock(self->queueMutex_);
-      const std::string id = pending.request->requestIdText();
-      if (id.empty()) {
+      const std::string key = claimKey(*pending.request);
+      if (key.empty()) {
         for (const auto& waiting : self->requestQueue_) {
           if (waiting.request == pending.request) return;
         }
-      } else if (!self->underWay_.insert(id).second) {
-        return;  // this request is queued or in flight already
+      } else if (!self->underWay_.insert(key).second) {
+        return;  // this row is queued or in flight already
+      } else if (!self->leaseClaimedLocked(*pending.request, key)) {
+        return;  // another process is sending it
       }
       self->requestQueue_.push_back(std::move(pending));
     }
@@ -64,9 +119,39 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
   });
 }
 
-void OVRequestManager::forget(const std::string& requestId) {
+void OVRequestManager::enqueueClaimed(Pending pending) {
+  addDelQueue_.async([weak = weak_from_this(), pending = std::move(pending)]() mutable {
+    auto self = weak.lock();
+    if (!self) return;
+    {
+      std::lock_guard lock(self->queueMutex_);
+      self->requestQueue_.push_back(std::move(pending));
+    }
+    self->sendPending();
+  });
+}
+
+void OVRequestManager::release(const OVRequest& request) {
+  const std::string key = claimKey(request);
+  if (key.empty()) return;
   std::lock_guard lock(queueMutex_);
-  underWay_.erase(requestId);
+  underWay_.erase(key);
+  if (leases_ && request.rowId()) leases_->release(*request.rowId());
+}
+
+bool OVRequestManager::leaseClaimedLocked(const OVRequest& request, const std::string& key) {
+  if (!leases_ || !request.rowId() || leases_->acquire(*request.rowId())) return true;
+  underWay_.erase(key);
+  return false;
+}
+
+void OVRequestManager::freeSlots(int count) {
+  if (count <= 0) return;
+  inFlight_ -= count;
+  semaphore_.release(count);
+  // Waiting envelopes take the freed slots; the loop never blocks, so it
+  // may run on whichever thread freed them.
+  sendPending();
 }
 
 DeviceFacts OVRequestManager::currentFacts() {
@@ -82,7 +167,7 @@ void OVRequestManager::sendPending() {
       std::lock_guard lock(queueMutex_);
       if (requestQueue_.empty()) return;
       // Take a slot first: without one the envelope stays queued until a
-      // reply frees a slot and runs this loop again.
+      // slot is freed and this loop runs again.
       if (!semaphore_.try_acquire()) return;
       pending = std::move(requestQueue_.front());
       requestQueue_.pop_front();
@@ -119,16 +204,12 @@ void OVRequestManager::handleReply(const Pending& pending,
                                    const protocol::EventRequest& eventRequest,
                                    std::optional<protocol::EventResponse> reply,
                                    std::optional<Error> error) {
-  --inFlight_;
-  semaphore_.release();
-  // Waiting envelopes take the freed slot; the loop never blocks, so it may
-  // run on this callback thread.
-  sendPending();
-
   const auto& request = pending.request;
   const std::string id = request->requestIdText();
+  const std::string key = claimKey(*request);
   if (reply) {
-    // Any reply counts as accepted, whatever its status.
+    // Any reply counts as accepted, whatever its status. The slot stays
+    // taken until the row's delete has committed.
     auto after = [this, pending, eventRequest, id, status = reply->status(), response = *reply] {
       if (logEnabled()) {
         support::printLine("\n✅✅✅Request address = " + options_.host +
@@ -137,36 +218,44 @@ void OVRequestManager::handleReply(const Pending& pending,
       }
       if (pending.success) pending.success(response);
     };
-    bool schedule = false;
+    bool deleteHere = false;
     {
       std::lock_guard lock(deleteMutex_);
-      acknowledged_.push_back({id, std::move(after)});
-      schedule = !deleteScheduled_;
+      acknowledged_.push_back({key, request->rowId(), id, std::move(after)});
+      deleteHere = !deleteScheduled_;
       deleteScheduled_ = true;
     }
-    if (schedule) {
-      deleteQueue_.async([weak = weak_from_this()] {
-        if (auto self = weak.lock()) self->deleteAcknowledged();
-      });
-    }
+    // The first reply to find no delete under way deletes right here, with
+    // whatever other replies have joined by then; the rest only join.
+    if (deleteHere) deleteAcknowledged();
     return;
   }
-  forget(id);
-  // A call that never got an answer from the backend (it could not be
-  // reached, or did not answer before the deadline) counts as unreachable:
-  // the row stays cached for the next upload rather than spending its
-  // retries. A backend that answered with an error spends them.
-  const bool reachable = !transportFailure(error) &&
-                         (!options_.isReachable || options_.isReachable());
-  if (reachable) {
-    if (request->retryCount() < 1) {
-      if (options_.cache) options_.cache->deleteRequest(id);  // given up
-    } else {
-      request->reduceRetryCount();
-      if (!stopping_) enqueueRequest(request);
+
+  const bool reachable = !options_.isReachable || options_.isReachable();
+  if (reachable && request->retryCount() >= 1) {
+    // Retried at once, still claimed, behind whatever waits already.
+    request->reduceRetryCount();
+    if (!stopping_) {
+      std::lock_guard lock(queueMutex_);
+      // Re-sends carry no blocks, except a success block given without a
+      // failure block: nothing has reported yet, so it stays for the
+      // acknowledgement (still reported at most once).
+      requestQueue_.push_back(Pending{request, pending.failure ? nullptr : pending.success, nullptr});
     }
+  } else if (reachable && !noAnswer(error, stopping_)) {
+    // Out of retries and the backend answered each time: given up.
+    if (deleteRow(*request)) {
+      release(*request);
+    } else {
+      reportFailedDelete(1);  // stays claimed: never sent again by this process
+    }
+  } else {
+    // Unreachable, or no answer from the backend: the row stays in the
+    // cache for the timer and the next start.
+    release(*request);
   }
-  // Unreachable: the row stays in the cache for the next upload.
+  freeSlots(1);
+
   if (logEnabled()) {
     support::printLine("\n❌❌❌Failure message = " + error.value_or(Error{}).message +
                        " \nRequest parameter = " + eventRequest.ShortDebugString() +
@@ -175,22 +264,58 @@ void OVRequestManager::handleReply(const Pending& pending,
   if (pending.failure) pending.failure(error.value_or(Error{kGrpcErrorDomain, 2, "no reply"}));
 }
 
+bool OVRequestManager::deleteRow(const OVRequest& request) {
+  if (!options_.cache || !options_.cache->isAvailable()) return true;
+  if (request.rowId()) return options_.cache->deleteRows({*request.rowId()});
+  options_.cache->deleteRequest(request.requestIdText());
+  return true;
+}
+
+void OVRequestManager::reportFailedDelete(std::size_t rows) {
+  if (deleteFailureReported_.exchange(true)) return;
+  support::warn("request manager: " + std::to_string(rows) +
+                " delivered row(s) could not be deleted from the request cache; this process "
+                "will not send them again");
+}
+
 void OVRequestManager::deleteAcknowledged() {
-  std::vector<Acknowledged> batch;
-  {
-    std::lock_guard lock(deleteMutex_);
-    batch.swap(acknowledged_);
-    deleteScheduled_ = false;
+  for (;;) {
+    std::vector<Acknowledged> batch;
+    {
+      std::lock_guard lock(deleteMutex_);
+      if (acknowledged_.empty()) {
+        deleteScheduled_ = false;
+        return;
+      }
+      batch.swap(acknowledged_);
+    }
+    std::vector<std::int64_t> rows;
+    std::vector<std::string> ids;
+    rows.reserve(batch.size());
+    for (const auto& entry : batch) {
+      if (entry.rowId) {
+        rows.push_back(*entry.rowId);
+      } else {
+        ids.push_back(entry.requestId);
+      }
+    }
+    bool deleted = true;
+    if (options_.cache && options_.cache->isAvailable()) {
+      deleted = options_.cache->deleteRows(rows);
+      options_.cache->deleteRequests(ids);
+    }
+    if (deleted) {
+      std::lock_guard lock(queueMutex_);
+      for (const auto& entry : batch) {
+        underWay_.erase(entry.key);
+        if (leases_ && entry.rowId) leases_->release(*entry.rowId);
+      }
+    } else {
+      reportFailedDelete(rows.size());  // their claims stay: never sent again here
+    }
+    freeSlots(static_cast<int>(batch.size()));
+    for (auto& entry : batch) entry.after();
   }
-  std::vector<std::string> ids;
-  ids.reserve(batch.size());
-  for (const auto& entry : batch) ids.push_back(entry.requestId);
-  if (options_.cache) options_.cache->deleteRequests(ids);
-  {
-    std::lock_guard lock(queueMutex_);
-    for (const auto& id : ids) underWay_.erase(id);
-  }
-  for (auto& entry : batch) entry.after();
 }
 
 void OVRequestManager::startTimer() {
@@ -219,14 +344,36 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
     facts_.reset();  // storage sizes and the screen may have changed
   }
   if (!options_.cache || !options_.cache->isAvailable()) return;
-  std::vector<std::shared_ptr<OVRequest>> rows;
+  if (!hasCredentials()) return;  // the rows wait for the next upload
+  std::vector<std::shared_ptr<OVRequest>> claimed;
   options_.cache->allRequestsFromFmdbWihtClass(
       OVRequest::zk_model(),
       [&](const std::optional<std::vector<std::shared_ptr<OVRequest>>>& restored) {
-        if (restored) rows = *restored;
+        if (!restored) return;
+        // Claimed while still on the database queue: a row whose reply and
+        // delete land after this read is still claimed here, and one whose
+        // delete committed before it is not in the result.
+        std::lock_guard lock(queueMutex_);
+        for (const auto& row : *restored) {
+          const std::string key = claimKey(*row);
+          if (key.empty()) {
+            claimed.push_back(row);
+          } else if (underWay_.insert(key).second && leaseClaimedLocked(*row, key)) {
+            claimed.push_back(row);
+          }
+        }
       });
-  for (const auto& row : rows) {
-    enqueueRequest(std::make_shared<OVRequest>(*row), success, failure);
+  if (claimed.empty()) return;
+  // A process sharing the file releases a row's lease only after its delete
+  // has committed: a row read before that delete but leased after it is
+  // gone now, and must not be sent again.
+  const auto existing = options_.cache->rowIds();
+  for (auto& row : claimed) {
+    if (row->rowId() && !existing.count(*row->rowId())) {
+      release(*row);
+      continue;
+    }
+    enqueueClaimed(Pending{std::move(row), success, failure});
   }
 }
 

@@ -1,25 +1,43 @@
-// The delivery engine for events. Producers write an envelope to the request
-// cache and hand it here; the manager sends it with FireEvent, at most three
-// calls in flight, deletes the cached row on any reply, retries a bounded
-// number of times while the network is reachable, leaves the row for later
-// while it is not, and re-sends whatever the cache holds every 60 seconds.
+// The delivery engine for events. Producers hand an envelope to submit(),
+// which writes it to the request cache and queues it; the manager sends it
+// with FireEvent, at most three calls in flight, deletes the cached row on
+// any reply, and re-sends whatever the cache holds every 60 seconds.
+//
+// Failures: while the device is reachable any failure lowers the envelope's
+// retry count and queues it again at once. Once the count has run out, a
+// failure the backend answered (a status it sent) deletes the row; a
+// failure with no answer from the backend (UNAVAILABLE, DEADLINE_EXCEEDED,
+// CANCELLED by the SDK itself) keeps the row for the timer and the next
+// start, so a backend that is down or slow never loses events. While the
+// device is unreachable nothing changes and the row waits.
+//
+// Duplicates: a row is known by its pkid (unique across processes sharing
+// the file, unlike the request id). Its identity is claimed while the
+// manager is on the database queue (at insert in submit(), at the read of
+// uploadCacheData()) and released only once its delete has committed, so a
+// row that got a reply is never sent again by this process, whatever
+// overlaps. A claim also takes the row's lease (RowLeases), so a process
+// sharing the file skips rows another live process is sending. A call's slot stays taken until its row's delete has committed,
+// so a crash re-sends at most the three rows of the calls in flight. A row
+// whose delete fails stays claimed: this process never sends it again (and
+// says so once).
 //
 // Ownership and threads: shared() lives for the process (made and wired by
 // the composition root); create() makes private instances for tests and
-// tools. Enqueue work runs on the serial
-// queue addDelQueue_ ("com.addDel.www"). The send loop never blocks: when
-// all three call slots are taken, envelopes wait in the queue, and each
-// reply (on a gRPC callback thread) frees its slot and runs the loop again
-// right there. No thread ever waits for a slot, so the fourth request can
-// neither deadlock a callback thread nor be lost. Acknowledged rows are
-// deleted in batches, one transaction each, on deleteQueue_; an envelope's
-// success block runs there after its row is gone. The 60-second timer runs
-// on the main queue. Replies hold the manager weakly. An envelope's blocks
-// are the ones given when it was enqueued; re-sends carry none.
-//
-// A request id that is queued or in flight is not queued again: the timer's
-// upload of the cache then does not send a row a second time while its
-// first send is still under way.
+// tools. Enqueue work runs on the serial queue addDelQueue_
+// ("com.addDel.www"). The send loop never blocks: when all three call slots
+// are taken, envelopes wait in the queue, and whoever frees a slot (a reply
+// on a gRPC callback thread, or a committed delete) runs the
+// loop again right there. No thread ever waits for a slot, so the fourth
+// request can neither deadlock a callback thread nor be lost. Acknowledged
+// rows are deleted in batches on the callback thread of the reply that
+// found no delete under way (replies landing meanwhile join its batch); an
+// envelope's success block runs there after its row is gone. The 60-second
+// timer runs on the main queue. Replies and queued blocks hold the manager
+// weakly; the last reference may go on any of these threads, the manager's
+// own queues included. An envelope's blocks are the ones given when it was
+// enqueued; re-sends carry none, except a success block given without a
+// failure block, which waits for the acknowledgement of any attempt.
 #pragma once
 
 #include <atomic>
@@ -38,6 +56,7 @@
 #include "backend/EventdStub.h"
 #include "delivery/EventRequestBuilder.h"
 #include "delivery/OVRequest.h"
+#include "delivery/RowLeases.h"
 #include "support/SerialQueue.h"
 #include "velquin/Error.h"
 #include "velquin/MainQueue.h"
@@ -71,10 +90,18 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   static std::shared_ptr<OVRequestManager> create(Options options);
   ~OVRequestManager();
 
-  // Queues the envelope (unless this very envelope is queued already) and
-  // runs the send loop, asynchronously on the manager's queue. Without
-  // credentials yet it does nothing: the cached row waits for the upload
-  // that analytics start runs once the app key is known.
+  // Writes the envelope to the cache (setting its rowId) and queues it.
+  // True when the row was written; false when the cache is unavailable or
+  // the write failed: the event is then still sent, but without
+  // durability (it is lost if this process ends first). Without
+  // credentials yet it is only written: the row waits for the upload that
+  // analytics start runs once the app key is known.
+  bool submit(std::shared_ptr<OVRequest> request, SuccessBlock success = nullptr,
+              FailureBlock failure = nullptr);
+  // Queues an envelope its caller cached itself (unless the same row or
+  // request id is queued or in flight already) and runs the send loop,
+  // asynchronously on the manager's queue. Without credentials yet it does
+  // nothing: the cached row waits for the next upload.
   void enqueueRequest(std::shared_ptr<OVRequest> request, SuccessBlock success = nullptr,
                       FailureBlock failure = nullptr);
   // (Re)starts the repeating timer that uploads the cache.
@@ -86,7 +113,8 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   void uploadCacheDataObjc() { uploadCacheData(); }
 
   const std::string& Port_push() const { return options_.host; }
-  // Calls in flight and envelopes waiting (for tools and tests).
+  // Calls in flight (until their rows' deletes have committed) and
+  // envelopes waiting (for tools and tests).
   int inFlight() const { return inFlight_.load(); }
   size_t queued() const;
   // Waits until the queue has taken in everything enqueued so far.
@@ -102,27 +130,46 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   };
 
   explicit OVRequestManager(Options options);
-  // The send loop: sends waiting envelopes while a call slot is free. Runs
-  // on addDelQueue_.
+  // The key a row is claimed under: its pkid, or its request id for an
+  // envelope that was never cached; empty when it has neither.
+  static std::string claimKey(const OVRequest& request);
+  bool hasCredentials() const { return !options_.hasCredentials || options_.hasCredentials(); }
+  // Queues an envelope whose claim is held already, then runs the loop.
+  void enqueueClaimed(Pending pending);
+  // The send loop: sends waiting envelopes while a call slot is free.
   void sendPending();
   void send(Pending pending);
   void handleReply(const Pending& pending, const protocol::EventRequest& eventRequest,
                    std::optional<protocol::EventResponse> reply, std::optional<Error> error);
-  // Deletes the acknowledged rows collected so far, then runs their blocks.
+  // Deletes the acknowledged rows collected so far, frees their slots,
+  // then runs their blocks.
   void deleteAcknowledged();
-  void forget(const std::string& requestId);
+  // Deletes the row of an envelope given up; true when it is gone.
+  bool deleteRow(const OVRequest& request);
+  // Drops the claim and the lease of a row.
+  void release(const OVRequest& request);
+  // Takes the row's lease after its claim; false when another process holds
+  // it (the claim is then dropped again). Called with queueMutex_ held.
+  bool leaseClaimedLocked(const OVRequest& request, const std::string& key);
+  void freeSlots(int count);
+  void reportFailedDelete(std::size_t rows);
   DeviceFacts currentFacts();
   bool logEnabled() const { return options_.logEnabled && options_.logEnabled(); }
 
   const Options options_;
   std::unique_ptr<EventdStub> stub_;  // built once; safe to share between threads
+  std::unique_ptr<RowLeases> leases_;  // built once; null without a cache; thread-safe
 
   mutable std::mutex queueMutex_;
   std::deque<Pending> requestQueue_;           // guarded by queueMutex_
-  std::unordered_set<std::string> underWay_;   // guarded by queueMutex_: ids queued or in flight
-  std::counting_semaphore<kMaxInFlight> semaphore_{kMaxInFlight};  // a permit per call in flight
+  // Claim keys of rows queued, in flight, acknowledged but not yet deleted,
+  // or whose delete failed (never sent again by this process).
+  std::unordered_set<std::string> underWay_;   // guarded by queueMutex_
+  // A permit per call in flight or awaiting its row's delete.
+  std::counting_semaphore<kMaxInFlight> semaphore_{kMaxInFlight};
   std::atomic<int> inFlight_{0};
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> deleteFailureReported_{false};
 
   std::mutex timerMutex_;
   std::optional<MainQueue::TimerId> timer_;  // guarded by timerMutex_
@@ -131,13 +178,14 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   std::optional<DeviceFacts> facts_;  // guarded by factsMutex_; refreshed by uploadCacheData
 
   struct Acknowledged {
+    std::string key;                    // claim key
+    std::optional<std::int64_t> rowId;  // none: delete by request id
     std::string requestId;
-    std::function<void()> after;  // log line and success block
+    std::function<void()> after;        // log line and success block
   };
   std::mutex deleteMutex_;
   std::vector<Acknowledged> acknowledged_;  // guarded by deleteMutex_
-  bool deleteScheduled_ = false;            // guarded by deleteMutex_
-  support::SerialQueue deleteQueue_{"com.velquin.delivered"};
+  bool deleteScheduled_ = false;            // guarded by deleteMutex_: a batch is being taken
 
   // Last: destroyed first, so queued work finishes while the rest exists.
   support::SerialQueue addDelQueue_{"com.addDel.www"};

@@ -1,5 +1,8 @@
 #include "delivery/ZKFMDB.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <sqlite3.h>
 
 #include <SQLiteCpp/SQLiteCpp.h>
@@ -9,6 +12,8 @@
 #include <charconv>
 #include <chrono>
 #include <ctime>
+#include <limits>
+#include <optional>
 
 #include "support/Console.h"
 #include "velquin/Bundle.h"
@@ -247,15 +252,28 @@ bool ZKFMDB::openLocked() {
   std::string reason;
   if (openFileLocked(corrupt, reason)) return true;
   if (corrupt) {
-    moveAsideLocked(reason);
+    const std::string aside = moveAsideLocked(reason);
     corrupt = false;
-    if (openFileLocked(corrupt, reason)) return true;
+    if (openFileLocked(corrupt, reason)) {
+      salvageLocked(aside);
+      return true;
+    }
   }
   support::warn("ZKFMDB: can not open " + dbPath_.string() + ": " + reason);
   return false;
 }
 
 bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {
+  // Events carry user ids: the file is the user's alone, like the keychain
+  // file and the defaults. SQLite gives the WAL and shared-memory files the
+  // database file's mode.
+  if (int fd = ::open(dbPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
+    ::close(fd);
+  }
+  std::error_code modeError;
+  std::filesystem::permissions(dbPath_,
+                               std::filesystem::perms::group_all | std::filesystem::perms::others_all,
+                               std::filesystem::perm_options::remove, modeError);
   try {
     auto db = std::make_unique<SQLite::Database>(
         dbPath_.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, kBusyTimeoutMs);
@@ -285,7 +303,7 @@ bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {
   return false;
 }
 
-void ZKFMDB::moveAsideLocked(const std::string& reason) {
+std::string ZKFMDB::moveAsideLocked(const std::string& reason) {
   closeLocked();
   const std::string original = dbPath_.string();
   std::string aside = original + ".corrupt-" + timeStamp();
@@ -297,7 +315,7 @@ void ZKFMDB::moveAsideLocked(const std::string& reason) {
   if (error) {
     support::warn("ZKFMDB: database " + original + " is corrupt (" + reason +
                   ") and can not be moved aside: " + error.message());
-    return;
+    return {};
   }
   for (const char* suffix : {"-wal", "-shm"}) {
     std::error_code sideError;
@@ -307,6 +325,87 @@ void ZKFMDB::moveAsideLocked(const std::string& reason) {
   }
   support::warn("ZKFMDB: database " + original + " is corrupt (" + reason + "); kept as " +
                 aside + ", starting a fresh one");
+  return aside;
+}
+
+void ZKFMDB::salvageLocked(const std::string& aside) {
+  if (aside.empty() || !db_) return;
+  std::size_t rows = 0;
+  std::size_t unreadable = 0;
+  try {
+    SQLite::Database damaged(aside, SQLite::OPEN_READONLY);
+    std::vector<std::pair<std::string, std::string>> tables;  // name, CREATE statement
+    {
+      SQLite::Statement query(damaged,
+                              "SELECT name, sql FROM sqlite_master WHERE type = 'table' AND "
+                              "name NOT LIKE 'sqlite_%'");
+      while (query.executeStep()) {
+        tables.emplace_back(query.getColumn(0).getString(), query.getColumn(1).getString());
+      }
+    }
+    for (const auto& [table, create] : tables) {
+      try {
+        db_->exec(create);
+      } catch (const SQLite::Exception&) {
+        continue;  // a name or statement the fresh file does not take
+      }
+      // Rows in rowid order; past an unreadable stretch, reading resumes
+      // further on (a bad leaf page hides only the rows it holds).
+      std::int64_t after = std::numeric_limits<std::int64_t>::min();
+      std::int64_t skip = 1;
+      int attempts = 0;
+      db_->exec("BEGIN");
+      while (attempts < 64) {
+        try {
+          SQLite::Statement read(damaged, "SELECT rowid, * FROM \"" + table +
+                                              "\" WHERE rowid > ? ORDER BY rowid");
+          read.bind(1, after);
+          std::optional<SQLite::Statement> write;
+          while (read.executeStep()) {
+            const int columns = read.getColumnCount() - 1;
+            if (!write) {
+              std::string sql = "INSERT OR IGNORE INTO \"" + table + "\" VALUES (";
+              for (int c = 0; c < columns; ++c) sql += c ? ",?" : "?";
+              write.emplace(*db_, sql + ")");
+            }
+            write->reset();
+            for (int c = 0; c < columns; ++c) {
+              const SQLite::Column value = read.getColumn(c + 1);
+              if (value.isInteger()) {
+                write->bind(c + 1, value.getInt64());
+              } else if (value.isFloat()) {
+                write->bind(c + 1, value.getDouble());
+              } else if (value.isText()) {
+                write->bind(c + 1, value.getString());
+              } else if (value.isBlob()) {
+                write->bind(c + 1, value.getBlob(), value.getBytes());
+              } else {
+                write->bind(c + 1);
+              }
+            }
+            write->exec();
+            after = read.getColumn(0).getInt64();
+            ++rows;
+            skip = 1;
+          }
+          break;  // read to the end
+        } catch (const SQLite::Exception&) {
+          ++unreadable;
+          ++attempts;
+          if (after == std::numeric_limits<std::int64_t>::min()) after = 0;
+          after += skip;
+          skip = std::min<std::int64_t>(skip * 2, std::int64_t{1} << 40);
+        }
+      }
+      db_->exec("COMMIT");
+    }
+  } catch (const SQLite::Exception& error) {
+    support::warn("ZKFMDB: nothing could be carried over from " + aside + ": " + error.what());
+    return;
+  }
+  support::warn("ZKFMDB: carried " + std::to_string(rows) + " readable row(s) from " + aside +
+                " into the fresh database" +
+                (unreadable ? " (some rows could not be read)" : ""));
 }
 
 // ---------------------------------------------------------------- plumbing
@@ -326,8 +425,8 @@ Result ZKFMDB::guarded(const char* what, Result failure, Body&& body) {
   }
   if (corrupt) {
     // The statements of `body` are gone by now, so the connection can close.
-    moveAsideLocked("SQLite reported corruption");
-    openLocked();
+    const std::string aside = moveAsideLocked("SQLite reported corruption");
+    if (openLocked()) salvageLocked(aside);
   }
   return failure;
 }
@@ -492,6 +591,19 @@ bool ZKFMDB::zk_deleteTable(const std::string& table) {
 
 bool ZKFMDB::zk_executeUpdate(const std::string& sql) { return execute("statement", sql); }
 
+bool ZKFMDB::zk_executePrepared(const std::string& sql, const ZKArgs& args) {
+  return guarded("statement", false, [&] {
+    SQLite::Statement& statement = cachedLocked(sql);
+    for (std::size_t i = 0; i < args.size(); ++i) {
+      bindValue(statement, static_cast<int>(i + 1), args[i]);
+    }
+    while (statement.executeStep()) {
+    }
+    statement.reset();
+    return true;
+  });
+}
+
 bool ZKFMDB::zk_deleteAllDataFromTable(const std::string& table) {
   return execute("delete all rows", "DELETE FROM " + table);
 }
@@ -528,6 +640,11 @@ std::int64_t ZKFMDB::lastInsertPrimaryKeyId(const std::string& table) {
         *db_, "SELECT * FROM " + table + " where pkid = (SELECT max(pkid) FROM " + table + ")");
     return query.executeStep() ? query.getColumn("pkid").getInt64() : std::int64_t{0};
   });
+}
+
+std::int64_t ZKFMDB::lastInsertRowId() {
+  std::lock_guard lock(mutex_);
+  return db_ ? db_->getLastInsertRowid() : 0;
 }
 
 bool ZKFMDB::zk_alterTable(const std::string& table, const ZKShape& shape,
@@ -713,6 +830,7 @@ std::vector<ZKRecord> ZKFMDB::zk_lookupTable(const std::string& table, const ZKS
       }
     }
 
+    const auto pkid = indexes.find("pkid");
     while (query.executeStep()) {
       if (dictionary) {
         ZKRow row;
@@ -728,6 +846,7 @@ std::vector<ZKRecord> ZKFMDB::zk_lookupTable(const std::string& table, const ZKS
           const ZKPropertyDescription* property = model->property(name);
           if (!zkIsNull(value) && property && property->set) property->set(*object, value);
         }
+        if (pkid != indexes.end()) object->zk_setPrimaryKey(query.getColumn(pkid->second).getInt64());
         result.emplace_back(std::move(object));
       }
     }
@@ -748,8 +867,9 @@ void ZKFMDB::zk_inDatabase(const std::function<void()>& block) {
   dbQueue().sync(block);
 }
 
-void ZKFMDB::zk_inTransaction(const std::function<void(bool& rollback)>& block) {
-  if (!block) return;
+bool ZKFMDB::zk_inTransaction(const std::function<void(bool& rollback)>& block) {
+  if (!block) return false;
+  bool committed = false;
   dbQueue().sync([&] {
     const bool began = execute("begin transaction", "BEGIN EXCLUSIVE TRANSACTION");
     bool rollback = false;
@@ -763,10 +883,12 @@ void ZKFMDB::zk_inTransaction(const std::function<void(bool& rollback)>& block) 
       rollback = true;
     }
     if (began) {
-      execute(rollback ? "rollback" : "commit",
-              rollback ? "ROLLBACK TRANSACTION" : "COMMIT TRANSACTION");
+      const bool ended = execute(rollback ? "rollback" : "commit",
+                                 rollback ? "ROLLBACK TRANSACTION" : "COMMIT TRANSACTION");
+      committed = ended && !rollback;
     }
   });
+  return committed;
 }
 
 }  // namespace velquin

@@ -24,7 +24,9 @@
 // zk_inTransaction (the request cache does so for every read and write).
 // No exception leaves this class: SQLite errors become false / 0 / empty
 // results and one support::warn line. A file SQLite reports as corrupt is
-// renamed aside (never deleted) and a fresh database is opened in its place.
+// renamed aside (never deleted) and a fresh database is opened in its place,
+// with every table and row that could still be read from the damaged file.
+// The file is created readable by its owner only.
 #pragma once
 
 #include <cstdint>
@@ -130,6 +132,9 @@ class ZKFMDB {
   std::int64_t zk_tableItemCount(const std::string& table);
   // pkid of the row with the largest pkid; 0 when there is none.
   std::int64_t lastInsertPrimaryKeyId(const std::string& table);
+  // The rowid of the last successful insert on this connection (another
+  // process's inserts never change it); 0 before any.
+  std::int64_t lastInsertRowId();
   // Adds missing columns inside one transaction; false when nothing was
   // added or any ALTER failed (then all of them are undone). Dictionary
   // shapes do not skip existing columns, so naming one fails.
@@ -167,6 +172,9 @@ class ZKFMDB {
 
   // Runs one statement with no arguments (indexes, pragmas).
   bool zk_executeUpdate(const std::string& sql);
+  // Runs one statement with `args` bound to its "?" parameters, kept
+  // prepared for the next call with the same text (hot paths).
+  bool zk_executePrepared(const std::string& sql, const ZKArgs& args);
 
   // --- queue --------------------------------------------------------------
   // Runs `block` on the serial database queue and waits for it.
@@ -174,8 +182,9 @@ class ZKFMDB {
   // Runs `block` inside "BEGIN EXCLUSIVE TRANSACTION" on the queue; commits
   // unless the block sets the flag (or throws), then rolls back. When the
   // transaction cannot begin (e.g. one is open already) the block still
-  // runs, and nothing is committed or rolled back afterwards.
-  void zk_inTransaction(const std::function<void(bool& rollback)>& block);
+  // runs, and nothing is committed or rolled back afterwards. True when the
+  // transaction began and committed.
+  bool zk_inTransaction(const std::function<void(bool& rollback)>& block);
 
   // --- model mapping ------------------------------------------------------
   // Property name -> current value for the object's own properties named in
@@ -196,7 +205,11 @@ class ZKFMDB {
 
   bool openLocked();
   bool openFileLocked(bool& corrupt, std::string& reason);
-  void moveAsideLocked(const std::string& reason);
+  // Renames the file (and its WAL) aside; the new name, empty on failure.
+  std::string moveAsideLocked(const std::string& reason);
+  // Copies every table and every row that can still be read from the
+  // damaged file `aside` into the fresh database.
+  void salvageLocked(const std::string& aside);
   void closeLocked();
   // Runs `body` under mutex_ on an open connection; SQLite errors are
   // logged, a corrupt file is recovered, and `failure` is returned.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "platform/PropertyList.h"
+#include "support/Console.h"
 
 namespace velquin {
 namespace {
@@ -42,9 +43,31 @@ void Bundle::setMainBundlePath(const std::filesystem::path& dir) {
   mainBundle.store(new Bundle(dir));
 }
 
+// A reverse-DNS name: letters, digits, '.' and '-', dot-separated parts
+// that are not empty. The identifier names folders, so anything path-like
+// ("..", "/") must never get through.
+static bool isReverseDnsName(const std::string& name) {
+  if (name.empty() || name.size() > 255 || name.front() == '.' || name.back() == '.') return false;
+  char previous = 0;
+  for (char c : name) {
+    const bool letterOrDigit =
+        (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    if (!letterOrDigit && c != '.' && c != '-') return false;
+    if (c == '.' && previous == '.') return false;
+    previous = c;
+  }
+  return true;
+}
+
 Bundle::Bundle(std::filesystem::path dir) : dir_(std::move(dir)) {
   if (auto info = platform::PropertyList::load(dir_ / "Info.plist")) {
     identifier_ = info->string("CFBundleIdentifier").value_or("");
+    if (!identifier_.empty() && !isReverseDnsName(identifier_)) {
+      support::warn("Info.plist: CFBundleIdentifier \"" + identifier_ +
+                    "\" is not a reverse-DNS name (letters, digits, '.', '-'); using "
+                    "\"velquin.app\" instead");
+      identifier_.clear();
+    }
     shortVersion_ = info->string("CFBundleShortVersionString").value_or("");
     version_ = info->string("CFBundleVersion").value_or("");
   }

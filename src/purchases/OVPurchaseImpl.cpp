@@ -143,7 +143,14 @@ void OVPurchaseImpl::uploadUserInfo(const std::optional<std::string>& userId,
                                     const nlohmann::json& extraAttribute,
                                     std::function<void(bool, std::optional<Error>)> completion) {
   log("UserInfo data reporting in progress");
-  if (userId) userDataManager_->setUserId(*userId);
+  if (userId && !userDataManager_->setUserId(*userId)) {
+    if (completion) {
+      completion(false, Error{kVelquinErrorDomain,
+                              static_cast<std::int64_t>(PurchaseErrorCode::invalidUserId),
+                              "The user id must be non-empty, valid UTF-8 text."});
+    }
+    return;
+  }
   auto attribute = OVCFunctionToolHelper::DataTOjsonString(extraAttribute).value_or("");
   networkManager_->uploadUserInfo(userDataManager_->userId(), attribute, std::move(completion));
 }

@@ -1,14 +1,21 @@
 #include "purchases/OVUserDataManager.h"
 
+#include <glib.h>
+
 #include "analytics/OVDeviceInfoManager.h"
 #include "platform/UserDefaults.h"
+#include "support/Console.h"
 #include "support/OVUtils.h"
 #include "support/Uuid.h"
 
 namespace velquin {
 namespace {
-std::string newUuid() {
-  return support::randomUuid();
+std::string newUuid() { return support::randomUuid(); }
+
+// A user id travels in every request and in JSON texts: it must be valid
+// UTF-8 and not empty.
+bool usableUserId(const std::string& id) {
+  return !id.empty() && g_utf8_validate(id.data(), static_cast<gssize>(id.size()), nullptr);
 }
 }  // namespace
 
@@ -23,9 +30,19 @@ std::string OVUserDataManager::userId() const {
   return userId_;
 }
 
-void OVUserDataManager::resolveUserId(const std::optional<std::string>& requested) {
+void OVUserDataManager::resolveUserId(const std::optional<std::string>& wanted) {
   support::MutexLock lock(mutex_);
   auto stored = defaults_.stringForKey(kUserIdKey);
+  if (stored && !usableUserId(*stored)) {
+    // Written by an earlier version without checks: replaced below.
+    support::warn("the stored user id is not valid UTF-8; it is replaced");
+    stored.reset();
+  }
+  std::optional<std::string> requested = wanted;
+  if (requested && !usableUserId(*requested)) {
+    support::warn("user id refused: it must be non-empty, valid UTF-8");
+    requested.reset();
+  }
   if (stored && (!requested || *requested == *stored)) {
     userId_ = *stored;
     return;
@@ -41,13 +58,18 @@ void OVUserDataManager::resolveUserId(const std::optional<std::string>& requeste
   log("set new user id: " + userId_);
 }
 
-void OVUserDataManager::setUserId(const std::string& id) {
+bool OVUserDataManager::setUserId(const std::string& id) {
+  if (!usableUserId(id)) {
+    support::warn("user id refused: it must be non-empty, valid UTF-8");
+    return false;
+  }
   {
     support::MutexLock lock(mutex_);
     userId_ = id;
     defaults_.setString(kUserIdKey, id);
   }
   deviceInfo_.setUserId(id);
+  return true;
 }
 
 }  // namespace velquin

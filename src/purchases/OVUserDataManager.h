@@ -26,9 +26,12 @@ class OVUserDataManager {
 
   // Always present after construction.
   std::string userId() const;
+  // A stored id that is empty or not valid UTF-8 (from an earlier version)
+  // counts as none and is replaced; so is such a requested id.
   void resolveUserId(const std::optional<std::string>& requested);
   // Makes `id` current, stores it, and copies it to the device information.
-  void setUserId(const std::string& id);
+  // An empty or non-UTF-8 id is refused (false, logged, nothing changed).
+  bool setUserId(const std::string& id);
 
  private:
   platform::UserDefaults& defaults_;

@@ -9,16 +9,16 @@ namespace {
 
 // The queues whose blocks the current thread is running, innermost first.
 // A thread runs blocks of several queues at once when a block of one calls
-// sync() on another.
+// sync() on another. A queue is known by its shared state.
 struct Frame {
-  const SerialQueue* queue;
+  const void* queue;
   const Frame* outer;
 };
 thread_local const Frame* currentFrames = nullptr;
 
 class FrameScope {
  public:
-  explicit FrameScope(const SerialQueue* queue) : frame_{queue, currentFrames} {
+  explicit FrameScope(const void* queue) : frame_{queue, currentFrames} {
     currentFrames = &frame_;
   }
   ~FrameScope() { currentFrames = frame_.outer; }
@@ -32,16 +32,18 @@ class FrameScope {
 }  // namespace
 
 SerialQueue::SerialQueue(std::string label)
-    : label_(std::move(label)), thread_([this] { run(); }) {}
+    : state_(std::make_shared<State>(std::move(label))), thread_(&SerialQueue::run, state_) {}
 
 SerialQueue::~SerialQueue() {
   {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
+    std::lock_guard lock(state_->mutex);
+    state_->stopping = true;
   }
-  wake_.notify_all();
+  state_->wake.notify_all();
   if (thread_.get_id() == std::this_thread::get_id()) {
-    thread_.detach();  // destroyed from its own block: the loop ends by itself
+    // Destroyed from its own block: the worker holds the state and ends by
+    // itself once the queue is drained.
+    thread_.detach();
   } else if (thread_.joinable()) {
     thread_.join();
   }
@@ -50,63 +52,70 @@ SerialQueue::~SerialQueue() {
 void SerialQueue::async(std::function<void()> block) {
   if (!block) return;
   {
-    std::lock_guard lock(mutex_);
-    pending_.push_back(std::move(block));
+    std::lock_guard lock(state_->mutex);
+    state_->pending.push_back(std::move(block));
   }
-  wake_.notify_all();
+  state_->wake.notify_all();
 }
 
 void SerialQueue::sync(const std::function<void()>& block) {
   if (!block) return;
   if (isCurrent()) {
-    invoke(block);
+    invoke(*state_, block);
     return;
   }
   // Wait until the queue has run everything submitted before and is idle,
   // then borrow it and run on this thread: one wake-up instead of a
   // hand-over to the queue thread and back.
-  std::unique_lock lock(mutex_);
-  wake_.wait(lock, [this] { return !busy_ && pending_.empty(); });
-  busy_ = true;
+  State& state = *state_;
+  std::unique_lock lock(state.mutex);
+  state.wake.wait(lock, [&state] { return !state.busy && state.pending.empty(); });
+  state.busy = true;
   lock.unlock();
-  invoke(block);
+  invoke(state, block);
   lock.lock();
-  busy_ = false;
+  state.busy = false;
   lock.unlock();
-  wake_.notify_all();
+  state.wake.notify_all();
 }
 
 bool SerialQueue::isCurrent() const {
   for (const Frame* frame = currentFrames; frame; frame = frame->outer) {
-    if (frame->queue == this) return true;
+    if (frame->queue == state_.get()) return true;
   }
   return false;
 }
 
-void SerialQueue::invoke(const std::function<void()>& block) const {
-  FrameScope scope(this);
+void SerialQueue::invoke(const State& state, const std::function<void()>& block) {
+  FrameScope scope(&state);
   try {
     block();
   } catch (const std::exception& error) {
-    warn("queue " + label_ + ": a block failed: " + error.what());
+    warn("queue " + state.label + ": a block failed: " + error.what());
   } catch (...) {
-    warn("queue " + label_ + ": a block failed with an unknown exception");
+    warn("queue " + state.label + ": a block failed with an unknown exception");
   }
 }
 
-void SerialQueue::run() {
-  std::unique_lock lock(mutex_);
+void SerialQueue::run(std::shared_ptr<State> state) {
+  std::unique_lock lock(state->mutex);
   for (;;) {
-    wake_.wait(lock, [this] { return (!busy_ && !pending_.empty()) || (stopping_ && !busy_); });
-    if (pending_.empty()) return;  // stopping and drained
-    std::function<void()> block = std::move(pending_.front());
-    pending_.pop_front();
-    busy_ = true;
+    state->wake.wait(lock, [&state] {
+      return (!state->busy && !state->pending.empty()) || (state->stopping && !state->busy);
+    });
+    if (state->pending.empty()) return;  // stopping and drained
+    std::function<void()> block = std::move(state->pending.front());
+    state->pending.pop_front();
+    state->busy = true;
     lock.unlock();
-    invoke(block);
+    invoke(*state, block);
+    // The block's captures go before the lock is taken again: destroying
+    // them may destroy the queue's owner, and with it the queue object,
+    // which must not wait on this thread.
+    block = nullptr;
     lock.lock();
-    busy_ = false;
-    wake_.notify_all();
+    state->busy = false;
+    state->wake.notify_all();
   }
 }
 

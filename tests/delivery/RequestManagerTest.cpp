@@ -3,6 +3,8 @@
 // limit neither loses nor stalls requests.
 #include <gtest/gtest.h>
 
+#include <future>
+#include <map>
 #include <thread>
 
 #include "ScriptedEventServer.h"
@@ -45,14 +47,39 @@ class Delivery : public ::testing::Test {
     manager.reset();
   }
 
-  // An event as analytics stores it: cached first, then handed over.
-  std::shared_ptr<OVRequest> stored(const std::string& name) {
+  // An envelope as analytics makes it; `id` 0 takes the next counter value.
+  std::shared_ptr<OVRequest> envelope(const std::string& name, long id = 0) {
     auto request = std::make_shared<OVRequest>();
     request->setParams(nlohmann::json{{"eventName", name}, {"eventValue", "{}"},
                                       {"timestamp", "1700000000000"}, {"userId", "u"}});
-    request->setRequestId(std::to_string(1700000000 + ++counter));
-    cache->addRequest(*request);
+    request->setRequestId(std::to_string(id ? id : 1700000000 + ++counter));
     return request;
+  }
+
+  // An event cached by its caller, then handed over.
+  std::shared_ptr<OVRequest> stored(const std::string& name) {
+    auto request = envelope(name);
+    request->setRowId(cache->addRequest(*request));
+    return request;
+  }
+
+  // Nothing queued, in flight or waiting for its row's delete.
+  bool waitIdle(const std::shared_ptr<OVRequestManager>& which,
+                std::chrono::milliseconds limit = 10s) {
+    auto until = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+      which->drainQueue();
+      if (which->inFlight() == 0 && which->queued() == 0) return true;
+      if (std::chrono::steady_clock::now() > until) return false;
+      std::this_thread::sleep_for(5ms);
+    }
+  }
+
+  // How often the backend received each event name.
+  std::map<std::string, int> receivedNames() {
+    std::map<std::string, int> seen;
+    for (const auto& request : server.received()) ++seen[request.event().name()];
+    return seen;
   }
 
   std::vector<std::shared_ptr<OVRequest>> rows() {
@@ -136,16 +163,27 @@ TEST_F(Delivery, FailuresWhileUnreachableLeaveTheRowUntouched) {
   EXPECT_TRUE(waitForRows(0));
 }
 
-TEST_F(Delivery, ABackendThatCannotBeReachedKeepsEveryRow) {
-  server.failNext(3, grpc::UNAVAILABLE);
+TEST_F(Delivery, ABackendThatNeverAnswersSpendsTheRetriesButKeepsEveryRow) {
+  // Retried at once while the device is reachable; with no answer from the
+  // backend the rows stay for the timer and the next start.
+  server.failNext(12, grpc::UNAVAILABLE);
   for (int i = 0; i < 3; ++i) manager->enqueueRequest(stored("ev_down"));
-  ASSERT_TRUE(server.waitForReceived(3));
-  std::this_thread::sleep_for(200ms);
-  EXPECT_EQ(rows().size(), 3u);
-  EXPECT_EQ(server.received().size(), 3u);  // no retries spent on an absent backend
+  ASSERT_TRUE(server.waitForReceived(12));
+  ASSERT_TRUE(waitIdle(manager));
+  EXPECT_EQ(server.received().size(), 12u);
+  ASSERT_EQ(rows().size(), 3u);
   for (const auto& row : rows()) EXPECT_EQ(row->retryCount(), 3);
   manager->uploadCacheData();
   EXPECT_TRUE(waitForRows(0));
+  EXPECT_EQ(server.received().size(), 15u);
+}
+
+TEST_F(Delivery, ABackendUnavailableTwiceGetsTheEventAtOnce) {
+  server.failNext(2, grpc::UNAVAILABLE);
+  manager->enqueueRequest(stored("ev_soon"));
+  ASSERT_TRUE(server.waitForReceived(1));  // the connection is up
+  EXPECT_TRUE(waitForRows(0, 1s));
+  EXPECT_EQ(server.received().size(), 3u);
 }
 
 TEST_F(Delivery, ASlowBackendPastTheDeadlineKeepsTheRow) {
@@ -241,6 +279,100 @@ TEST_F(Delivery, WithoutCredentialsEventsWaitInTheCache) {
   keyKnown = true;
   waiting->uploadCacheData();
   EXPECT_TRUE(waitForRows(0));
+}
+
+TEST_F(Delivery, UploadsRacingRepliesAndDeletesNeverSendARowTwice) {
+  // The start-up upload, the timer and a host's flush may all overlap new
+  // events, replies and batched deletes.
+  for (int i = 0; i < 40; ++i) manager->submit(envelope("ev_once_" + std::to_string(i)));
+  std::atomic<bool> done{false};
+  std::thread uploader([&] {
+    while (!done) manager->uploadCacheData();
+  });
+  for (int i = 40; i < 60; ++i) manager->submit(envelope("ev_once_" + std::to_string(i)));
+  const bool drained = waitForRows(0, 20s);
+  done = true;
+  uploader.join();
+  ASSERT_TRUE(drained);
+  ASSERT_TRUE(waitIdle(manager));
+  auto seen = receivedNames();
+  EXPECT_EQ(seen.size(), 60u);
+  for (const auto& [name, times] : seen) EXPECT_EQ(times, 1) << name;
+}
+
+TEST_F(Delivery, ACallSlotIsFreeOnlyOnceItsRowIsDeleted) {
+  // A crash re-sends the rows whose delete has not committed: no more of
+  // them may exist than calls in flight.
+  server.setHold(true);
+  for (int i = 0; i < 9; ++i) stored("ev_window_" + std::to_string(i));
+  manager->uploadCacheData();
+  ASSERT_TRUE(server.waitForHeld(3));
+  // Hold the database queue: the replies' deletes cannot commit.
+  std::promise<void> gate;
+  std::shared_future<void> opened = gate.get_future().share();
+  store->dbQueue().async([opened] { opened.wait(); });
+  struct Open {
+    std::promise<void>& gate;
+    ~Open() { gate.set_value(); }
+  };
+  {
+    Open open{gate};
+    server.setHold(false);
+    server.releaseAll();
+    EXPECT_FALSE(server.waitForReceived(4, 500ms)) << "a slot was reused before its delete";
+  }
+  EXPECT_TRUE(waitForRows(0));
+  EXPECT_EQ(server.received().size(), 9u);
+}
+
+TEST_F(Delivery, ARowWhoseDeleteFailsIsNotSentAgainByThisProcess) {
+  stored("ev_stuck");
+  ASSERT_TRUE(store->zk_executeUpdate("PRAGMA query_only = ON"));  // every write now fails
+  ::testing::internal::CaptureStderr();
+  manager->uploadCacheData();
+  ASSERT_TRUE(server.waitForReceived(1));
+  ASSERT_TRUE(waitIdle(manager));
+  for (int i = 0; i < 5; ++i) manager->uploadCacheData();
+  ASSERT_TRUE(waitIdle(manager));
+  std::string said = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(server.received().size(), 1u);
+  EXPECT_EQ(rows().size(), 1u);  // kept for the next start
+  EXPECT_NE(said.find("could not be deleted"), std::string::npos) << said;
+  store->zk_executeUpdate("PRAGMA query_only = OFF");
+}
+
+TEST_F(Delivery, ProcessesSharingTheFileWithCollidingRequestIdsLoseNothing) {
+  // Two processes make request ids from the same clock and their own
+  // counters: equal ids are normal. Rows are told apart by their pkid.
+  auto otherStore = ZKFMDB::initWithDBName("events.sqlite", env.root());
+  ASSERT_TRUE(otherStore);
+  OVRequestCache otherCache(otherStore.get());
+  for (int i = 0; i < 20; ++i) {
+    cache->addRequest(*envelope("ev_first_" + std::to_string(i), 1700005000 + i));
+    otherCache.addRequest(*envelope("ev_second_" + std::to_string(i), 1700005000 + i));
+  }
+  manager->uploadCacheData();
+  ASSERT_TRUE(waitForRows(0));
+  ASSERT_TRUE(waitIdle(manager));
+  auto seen = receivedNames();
+  EXPECT_EQ(seen.size(), 40u);
+  for (const auto& [name, times] : seen) EXPECT_EQ(times, 1) << name;
+}
+
+TEST_F(Delivery, TheLastReferenceMayGoInsideASuccessBlock) {
+  // The manager is then destroyed on the reply's own callback thread.
+  std::weak_ptr<OVRequestManager> watch = manager;
+  Await<bool> dropped;
+  manager->enqueueRequest(stored("ev_last"), [&](const auto&) {
+    manager.reset();
+    dropped.set(true);
+  });
+  ASSERT_TRUE(dropped.wait());
+  auto until = std::chrono::steady_clock::now() + 10s;
+  while (!watch.expired() && std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_for(1ms);
+  }
+  EXPECT_TRUE(watch.expired());
 }
 
 }  // namespace

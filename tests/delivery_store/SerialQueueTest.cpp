@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -79,6 +80,45 @@ TEST(SerialQueue, SurvivesThrowingBlocksAndDrainsOnDestruction) {
     for (int i = 0; i < 10; ++i) queue.async([&] { ++ran; });
   }
   EXPECT_EQ(ran.load(), 10);
+}
+
+TEST(SerialQueue, AnOwnerDestroyedByItsOwnBlockLetsTheWorkerFinishSafely) {
+  // The owner's last reference goes inside a block of the owner's queue, as
+  // when a reply handler holds the last reference to the request manager.
+  // The worker must neither touch the destroyed queue object nor stop
+  // before running what was queued behind that block.
+  struct Owner {
+    SerialQueue queue{"owned"};
+  };
+  auto owner = std::make_shared<Owner>();
+  std::weak_ptr<Owner> watch = owner;
+  SerialQueue* queue = &owner->queue;
+  std::promise<bool> ranAfter;
+  std::promise<void> go;
+  queue->async([&go] { go.get_future().wait(); });  // holds the worker until all is queued
+  queue->async([last = std::move(owner)]() mutable { last.reset(); });
+  queue->async([&] { ranAfter.set_value(watch.expired()); });
+  go.set_value();
+  EXPECT_TRUE(ranAfter.get_future().get());
+}
+
+TEST(SerialQueue, CapturesThatDestroyTheOwnerGoBeforeTheWorkerLocksAgain) {
+  // The last reference may also sit in a block's captures, released when
+  // the worker drops the block after running it.
+  struct Owner {
+    SerialQueue queue{"captured"};
+  };
+  auto owner = std::make_shared<Owner>();
+  std::weak_ptr<Owner> watch = owner;
+  SerialQueue* queue = &owner->queue;
+  std::promise<void> go;
+  std::promise<bool> ranAfter;
+  queue->async([&go] { go.get_future().wait(); });
+  queue->async([keep = owner] {});
+  queue->async([&] { ranAfter.set_value(watch.expired()); });
+  owner.reset();
+  go.set_value();
+  EXPECT_TRUE(ranAfter.get_future().get());
 }
 
 }  // namespace

@@ -292,6 +292,8 @@ TEST_F(ZKFMDBTest, CorruptFilesAreMovedAsideAndReplaced) {
   const auto size = std::filesystem::file_size(truncated);
   std::filesystem::resize_file(truncated, size / 2);
   {
+    // SQLite cannot read the schema of a file cut short: nothing is
+    // carried over, and the fresh file takes new tables.
     auto db = ZKFMDB::initWithDBName("cut.sqlite", folder());
     ASSERT_NE(db, nullptr);
     EXPECT_FALSE(db->zk_isExistTable("t"));
@@ -310,6 +312,40 @@ TEST_F(ZKFMDBTest, CorruptFilesAreMovedAsideAndReplaced) {
       EXPECT_EQ(std::filesystem::file_size(folder() / name), 8192u);  // kept as it was
     }
   }
+}
+
+TEST_F(ZKFMDBTest, ReadableRowsOfAFileWithOneBadPageAreCarriedOver) {
+  const auto path = folder() / "damaged.sqlite";
+  {
+    auto db = ZKFMDB::initWithDBName("damaged.sqlite", folder());
+    ASSERT_TRUE(db->zk_createTable("t", ZKColumns{{"n", "INTEGER"}, {"v", "TEXT"}}));
+    db->zk_inTransaction([&](bool&) {
+      for (std::int64_t i = 0; i < 400; ++i) {
+        db->zk_insertTable("t", ZKRow{{"n", i}, {"v", std::string(400, 'a')}});
+      }
+    });
+  }  // the last connection closes: the WAL is folded into the file
+  const auto pages = std::filesystem::file_size(path) / 4096;
+  ASSERT_GT(pages, 20u);
+  {
+    // Garbage over one leaf page in the middle of the table.
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(pages / 2 * 4096));
+    const std::string garbage(4096, '\x5a');
+    file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+  }
+  ::testing::internal::CaptureStderr();
+  auto db = ZKFMDB::initWithDBName("damaged.sqlite", folder());
+  std::string log = ::testing::internal::GetCapturedStderr();
+  ASSERT_NE(db, nullptr);
+  EXPECT_THAT(log, HasSubstr("is corrupt"));
+  EXPECT_THAT(log, HasSubstr("readable row(s)"));
+  const auto carried = db->zk_tableItemCount("t");
+  EXPECT_GE(carried, 380);  // a 4 KB page holds about nine of these rows
+  EXPECT_LT(carried, 400);
+  EXPECT_EQ(std::filesystem::status(path).permissions() &
+                (std::filesystem::perms::group_all | std::filesystem::perms::others_all),
+            std::filesystem::perms::none);
 }
 
 TEST_F(ZKFMDBTest, UnusableDataFolderGivesNoStoreAndALogLine) {

@@ -88,6 +88,21 @@ std::vector<Command> spineCommands();
 std::vector<Command> eventCommands();
 std::vector<Command> purchaseCommands();
 
+// Strict numbers: the whole word must be the number, nothing before or
+// after it. A count is decimal digits only (no sign); seconds are a finite,
+// non-negative decimal; an integer is decimal with an optional '-' and must
+// lie in [min, max].
+std::optional<std::uint64_t> parseCount(const std::string& word);
+std::optional<double> parseSeconds(const std::string& word);
+std::optional<std::int64_t> parseInteger(const std::string& word, std::int64_t min,
+                                         std::int64_t max);
+// The --wait option in milliseconds (`fallback` seconds when absent); an
+// error text when it is not valid seconds.
+std::optional<std::string> waitOption(const class Arguments& args, double fallback,
+                                      std::chrono::milliseconds& wait);
+// True for "-h" and "--help".
+bool isHelpWord(const std::string& word);
+
 Outcome timedOut(const std::string& what);
 nlohmann::json errorJson(const Error& error);
 // A protobuf message as JSON with its schema's field names.

@@ -1,7 +1,9 @@
 // Analytics events and the delivery cache.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <fstream>
 #include <thread>
 
@@ -13,11 +15,6 @@ namespace velquin::cli {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::chrono::milliseconds seconds(const Arguments& args, double fallback) {
-  double value = std::stod(args.option("--wait").value_or(std::to_string(fallback)));
-  return std::chrono::milliseconds(static_cast<long long>(value * 1000));
-}
 
 // Events go out once start-up has handed the app key to the event client
 // (after Init answered); until then they wait in the cache.
@@ -78,22 +75,36 @@ Outcome track(const Context&, const std::vector<std::string>& words) {
   if (args.positional().empty() || args.positional().size() > 2) {
     return failure("usage: track NAME [PARAMS_JSON] [--wait SECONDS]");
   }
+  std::chrono::milliseconds wait{};
+  if (auto problem = waitOption(args, 30, wait)) return failure(*problem);
   auto params = nlohmann::json::parse(args.positional().size() == 2 ? args.positional()[1] : "{}",
                                       nullptr, false);
   if (!params.is_object()) return failure("PARAMS_JSON must be a JSON object");
-  auto until = Clock::now() + seconds(args, 30);
+  auto until = Clock::now() + wait;
   waitForCredentials(until);
-  std::string id =
-      Velquin::shared().analytics().uploadBigDataWithEvent(args.positional()[0], params);
-  bool delivered = waitUntil(until, [&] { return cachedRows(id) == 0; });
-  return Outcome{{{"requestId", id}, {"event", args.positional()[0]}, {"delivered", delivered}},
-                 std::nullopt};
+  // "delivered" only on the backend's acknowledgement of this very event,
+  // on any attempt (a success block alone travels with the retries).
+  auto acknowledged = std::make_shared<Pending<bool>>();
+  auto receipt = Velquin::shared().analytics().recordEvent(
+      args.positional()[0], params,
+      [acknowledged](const OVEventResponse&) { acknowledged->set(true); });
+  if (receipt.refused) return Outcome{{}, receipt.refused};
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+  bool delivered = acknowledged->wait(std::max(left, std::chrono::milliseconds(0))).value_or(false);
+  nlohmann::json result{{"requestId", receipt.requestId},
+                        {"event", args.positional()[0]},
+                        {"delivered", delivered},
+                        {"stored", receipt.stored}};
+  return Outcome{std::move(result), std::nullopt};
 }
 
 Outcome flush(const Context&, const std::vector<std::string>& words) {
   Arguments args(words, {"--wait"});
   if (args.problem()) return failure(*args.problem());
-  auto until = Clock::now() + seconds(args, 60);
+  if (!args.positional().empty()) return failure("usage: flush [--wait SECONDS]");
+  std::chrono::milliseconds wait{};
+  if (auto problem = waitOption(args, 60, wait)) return failure(*problem);
+  auto until = Clock::now() + wait;
   auto started = Clock::now();
   bool haveKey = waitForCredentials(until);
   if (haveKey) {
@@ -111,31 +122,52 @@ Outcome trackMany(const Context&, const std::vector<std::string>& words) {
   if (args.positional().size() != 1) {
     return failure("usage: track-many N [--name NAME] [--wait SECONDS] [--ack-file FILE]");
   }
-  const std::size_t count = std::stoul(args.positional()[0]);
-  const std::string name = args.option("--name").value_or("ev_load_test");
-  auto started = Clock::now();
-  auto until = started + seconds(args, 120);
-  waitForCredentials(until);
-
-  // --ack-file records every sequence number whose call has returned, so a
-  // test that kills this process knows which events must arrive.
-  std::FILE* ack = nullptr;
-  if (auto file = args.option("--ack-file")) ack = std::fopen(file->c_str(), "a");
-  auto& analytics = Velquin::shared().analytics();
-  for (std::size_t i = 0; i < count; ++i) {
-    analytics.uploadBigDataWithEvent(name, {{"seq", i}});
-    if (ack) {
-      std::fprintf(ack, "%zu\n", i);
-      std::fflush(ack);
-    }
-    progress(i + 1, count);
+  const auto count = parseCount(args.positional()[0]);
+  if (!count || *count > 10'000'000) {
+    return failure("N must be a whole number from 0 to 10000000, not \"" + args.positional()[0] +
+                   "\"");
   }
-  if (ack) std::fclose(ack);
+  std::chrono::milliseconds wait{};
+  if (auto problem = waitOption(args, 120, wait)) return failure(*problem);
+  const std::string name = args.option("--name").value_or("ev_load_test");
+
+  // --ack-file records every sequence number whose call has returned with
+  // the event stored, so a test that kills this process knows which events
+  // must arrive.
+  std::FILE* ack = nullptr;
+  if (auto file = args.option("--ack-file")) {
+    ack = std::fopen(file->c_str(), "a");
+    if (!ack) return failure("can not write the ack file " + *file);
+  }
+  auto started = Clock::now();
+  auto until = started + wait;
+  waitForCredentials(until);
+  auto& analytics = Velquin::shared().analytics();
+  std::size_t notStored = 0;
+  std::optional<Error> refused;
+  bool ackFailed = false;
+  for (std::size_t i = 0; i < *count; ++i) {
+    auto receipt = analytics.recordEvent(name, {{"seq", i}});
+    if (receipt.refused) {
+      refused = receipt.refused;
+      break;
+    }
+    if (!receipt.stored) {
+      ++notStored;
+    } else if (ack && !ackFailed) {
+      ackFailed = std::fprintf(ack, "%zu\n", i) < 0 || std::fflush(ack) != 0;
+    }
+    progress(i + 1, *count);
+  }
+  if (ack) ackFailed = std::fclose(ack) != 0 || ackFailed;
+  if (refused) return Outcome{{}, refused};
+  if (ackFailed) return failure("writing the ack file failed");
   auto stored = Clock::now();
   drainCache(until);
   double total = std::chrono::duration<double>(Clock::now() - started).count();
   double storing = std::chrono::duration<double>(stored - started).count();
-  return Outcome{{{"sent", count},
+  return Outcome{{{"sent", *count},
+                  {"notStored", notStored},
                   {"remaining", cachedRows()},
                   {"secondsToStore", storing},
                   {"seconds", total}},

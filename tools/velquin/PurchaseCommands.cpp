@@ -2,6 +2,8 @@
 #include "PurchaseCommands.h"
 
 #include <algorithm>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -458,8 +460,10 @@ std::optional<Error> useStoreConfiguration(const std::optional<std::string>& fil
   fs::path target = bundle.dataDirectory() / "StoreKit" / "default-store-config.json";
   std::error_code ignored;
   fs::create_directories(target.parent_path(), ignored);
+  // One temporary name per process: hosts may start side by side.
   fs::path temporary = target;
-  temporary += ".tmp";
+  temporary += ".tmp.";
+  temporary += std::to_string(getpid());
   {
     std::ofstream out(temporary, std::ios::trunc);
     out << defaultStoreConfiguration();

@@ -118,16 +118,12 @@ Outcome attribution(const Context& context, const std::vector<std::string>& word
   if (args.positional().size() != 2) {
     return failure("usage: attribution NETWORK_NUMBER DATA_JSON [--network-user-id X]");
   }
-  std::uint32_t network = 0;
-  try {
-    network = static_cast<std::uint32_t>(std::stoul(args.positional()[0]));
-  } catch (const std::exception&) {
-    return failure("NETWORK_NUMBER must be a number (0-5)");
-  }
+  auto network = parseInteger(args.positional()[0], 0, 5);
+  if (!network) return failure("NETWORK_NUMBER must be a number from 0 to 5");
   auto data = nlohmann::json::parse(args.positional()[1], nullptr, false);
   if (data.is_discarded()) return failure("DATA_JSON is not valid JSON");
   Pending<Reply> pending;
-  Velquin::shared().updateAttribution(data, static_cast<AttributionNetwork>(network),
+  Velquin::shared().updateAttribution(data, static_cast<AttributionNetwork>(*network),
                                       args.option("--network-user-id"), attributionInto(pending));
   return await(pending, context, "GetAttribution");
 }

@@ -10,6 +10,7 @@
 #include "Cli.h"
 #include "PurchaseCommands.h"
 #include "velquin/Bundle.h"
+#include "velquin/OVAnalytics.h"
 #include "velquin/Velquin.h"
 
 namespace {
@@ -43,12 +44,19 @@ void printUsage(std::FILE* out, const std::vector<Command>& commands) {
   }
 }
 
+// Set once the SDK exists: a clean exit then checkpoints the event cache.
+bool sdkStarted = false;
+
 [[noreturn]] void finish(const nlohmann::json& result, int status) {
   std::cout << result.dump() << std::endl;
   std::fflush(nullptr);
+  // Rows still in the cache's write-ahead log go into the database file, so
+  // the file alone holds them (a damaged log then loses nothing).
+  if (sdkStarted) velquin::Velquin::shared().analytics().checkpointEventCache();
   // Backend calls started by start-up may still be in flight; nothing of
   // ours is left unwritten (user defaults and the event cache write
-  // synchronously), so leave without running static destructors under them.
+  // synchronously, the cache was checkpointed above), so leave without
+  // running static destructors under them.
   _exit(status);
 }
 
@@ -61,8 +69,8 @@ int main(int argc, char** argv) {
   bool log = false;
   std::optional<std::string> storeConfig;
   size_t i = 0;
-  for (; i < words.size() && words[i].rfind("--", 0) == 0; ++i) {
-    if (words[i] == "--help" || words[i] == "-h") {
+  for (; i < words.size() && (words[i].rfind("--", 0) == 0 || words[i] == "-h"); ++i) {
+    if (velquin::cli::isHelpWord(words[i])) {
       printUsage(stdout, commands);
       return 0;
     } else if (words[i] == "--log") {
@@ -73,8 +81,13 @@ int main(int argc, char** argv) {
       if (words[i] == "--bundle") {
         velquin::Bundle::setMainBundlePath(words[i + 1]);
       } else {
-        context.timeout = std::chrono::milliseconds(
-            static_cast<long long>(std::atof(words[i + 1].c_str()) * 1000));
+        auto seconds = velquin::cli::parseSeconds(words[i + 1]);
+        if (!seconds) {
+          finish(velquin::cli::errorJson(
+                     {"velquin-cli", 2, "--timeout needs seconds from 0 to 86400"}),
+                 2);
+        }
+        context.timeout = std::chrono::milliseconds(static_cast<long long>(*seconds * 1000));
       }
       ++i;
     } else {
@@ -90,6 +103,13 @@ int main(int argc, char** argv) {
   std::vector<std::string> rest(words.begin() + static_cast<long>(i) + 1, words.end());
   for (const auto& command : commands) {
     if (command.name != name) continue;
+    for (const auto& word : rest) {
+      if (velquin::cli::isHelpWord(word)) {
+        std::printf("usage: velquin [OPTIONS] %s %s\n  %s\n", command.name.c_str(),
+                    command.usage.c_str(), command.summary.c_str());
+        return 0;
+      }
+    }
     // The store is picked before the SDK exists: the SDK observes it from
     // its first moment.
     if (auto problem = velquin::cli::useStoreConfiguration(storeConfig)) {
@@ -98,6 +118,7 @@ int main(int argc, char** argv) {
     // Switched on before the SDK exists so start-up's own lines show too.
     velquin::Velquin::setPurchasesLogs(log);
     auto& sdk = velquin::Velquin::shared();
+    sdkStarted = true;
     sdk.setAnalyticsLogs(!log);  // the delivery switch is stored inverted
     if (command.needsConfigure) sdk.configure();
     velquin::cli::Outcome outcome;
