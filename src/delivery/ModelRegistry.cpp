@@ -2,10 +2,13 @@
 
 #include <charconv>
 #include <cstdlib>
+#include "support/Mutex.h"
 
 namespace velquin {
 
-bool zkIsNull(const ZKValue& value) { return std::holds_alternative<std::monostate>(value); }
+bool zkIsNull(const ZKValue& value) {
+  return std::holds_alternative<std::monostate>(value);
+}
 
 std::int64_t zkToInt64(const ZKValue& value) {
   if (const auto* integer = std::get_if<std::int64_t>(&value)) return *integer;
@@ -74,14 +77,14 @@ ZKModelRegistry& ZKModelRegistry::shared() {
 
 const ZKModelDescription& ZKModelRegistry::add(
     std::unique_ptr<const ZKModelDescription> description) {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   auto [it, inserted] = models_.try_emplace(description->name(), nullptr);
   if (inserted) it->second = std::move(description);
   return *it->second;
 }
 
 const ZKModelDescription* ZKModelRegistry::find(const std::string& name) const {
-  std::lock_guard lock(mutex_);
+  support::MutexLock lock(mutex_);
   auto it = models_.find(name);
   return it == models_.end() ? nullptr : it->second.get();
 }

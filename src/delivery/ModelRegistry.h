@@ -29,6 +29,7 @@
 #include <unordered_map>
 #include <variant>
 #include <vector>
+#include "support/Mutex.h"
 
 namespace velquin {
 
@@ -103,9 +104,9 @@ class ZKModelRegistry {
   const ZKModelDescription* find(const std::string& name) const;
 
  private:
-  mutable std::mutex mutex_;
-  std::unordered_map<std::string, std::unique_ptr<const ZKModelDescription>>
-      models_;  // guarded by mutex_
+  mutable support::Mutex mutex_;
+  std::unordered_map<std::string, std::unique_ptr<const ZKModelDescription>> models_
+      GUARDED_BY(mutex_);
 };
 
 }  // namespace velquin

@@ -5,13 +5,17 @@
 namespace velquin {
 namespace {
 
-std::optional<std::string> textOf(const ZKValue& value) { return zkToText(value); }
+std::optional<std::string> textOf(const ZKValue& value) {
+  return zkToText(value);
+}
 
 ZKValue valueOf(const std::optional<std::string>& text) {
   return text ? ZKValue(*text) : ZKValue(std::monostate{});
 }
 
-OVRequest& request(ZKModelObject& object) { return static_cast<OVRequest&>(object); }
+OVRequest& request(ZKModelObject& object) {
+  return static_cast<OVRequest&>(object);
+}
 const OVRequest& request(const ZKModelObject& object) {
   return static_cast<const OVRequest&>(object);
 }
@@ -47,8 +51,8 @@ std::unique_ptr<const ZKModelDescription> makeDescription() {
        [](const ZKModelObject& o) -> ZKValue { return valueOf(request(o).paramStr()); },
        [](ZKModelObject& o, const ZKValue& v) { request(o).setParamStr(textOf(v)); }},
   };
-  return std::make_unique<const ZKModelDescription>(
-      "OVRequest", std::move(properties), [] { return std::make_unique<OVRequest>(); });
+  return std::make_unique<const ZKModelDescription>("OVRequest", std::move(properties),
+                                                    [] { return std::make_unique<OVRequest>(); });
 }
 
 // Registers the model when this file is linked, so it can be named by text.
@@ -61,7 +65,9 @@ const ZKModelDescription& OVRequest::zk_model() {
   return model;
 }
 
-OVRequest::OVRequest(const OVRequest& other) : ZKModelObject(other) { *this = other; }
+OVRequest::OVRequest(const OVRequest& other) : ZKModelObject(other) {
+  *this = other;
+}
 
 OVRequest& OVRequest::operator=(const OVRequest& other) {
   if (this == &other) return *this;

@@ -29,8 +29,9 @@ bool isBareNumber(const std::string& text) {
 
 OVRequestCache::OVRequestCache(ZKFMDB* store) : store_(store) {
   if (!store_) {
-    support::warn("request cache: the local database is unavailable; analytics requests will "
-                  "not be cached");
+    support::warn(
+        "request cache: the local database is unavailable; analytics requests will "
+        "not be cached");
     return;
   }
   store_->zk_inDatabase([this] {
@@ -97,7 +98,8 @@ std::unordered_set<std::int64_t> OVRequestCache::rowIds() {
 bool OVRequestCache::checkpoint() {
   if (!store_) return false;
   bool done = false;
-  store_->zk_inDatabase([&] { done = store_->zk_executeUpdate("PRAGMA wal_checkpoint(TRUNCATE)"); });
+  store_->zk_inDatabase(
+      [&] { done = store_->zk_executeUpdate("PRAGMA wal_checkpoint(TRUNCATE)"); });
   return done;
 }
 

@@ -2,6 +2,7 @@
 
 #include "delivery/OVRequestCache.h"
 #include "support/Console.h"
+#include "support/Mutex.h"
 
 namespace velquin {
 namespace {
@@ -41,11 +42,13 @@ OVRequestManager::~OVRequestManager() {
 }
 
 size_t OVRequestManager::queued() const {
-  std::lock_guard lock(queueMutex_);
+  support::MutexLock lock(queueMutex_);
   return requestQueue_.size();
 }
 
-void OVRequestManager::drainQueue() { addDelQueue_.sync([] {}); }
+void OVRequestManager::drainQueue() {
+  addDelQueue_.sync([] {});
+}
 
 std::string OVRequestManager::claimKey(const OVRequest& request) {
   if (request.rowId()) return "row:" + std::to_string(*request.rowId());
@@ -65,7 +68,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     std::optional<std::int64_t> claimed;
     if (credentials) {
       claim = [this, &claimed](std::int64_t row) {
-        std::lock_guard lock(queueMutex_);
+        support::MutexLock lock(queueMutex_);
         underWay_.insert("row:" + std::to_string(row));
         // Not yet visible to any other process: the lease is free.
         if (leases_) leases_->acquire(row);
@@ -85,7 +88,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
   if (!rowId) {
     // Not durable: sent from memory only. Claimed by its request id, which
     // is unique within this process.
-    std::lock_guard lock(queueMutex_);
+    support::MutexLock lock(queueMutex_);
     underWay_.insert(claimKey(*request));
   }
   enqueueClaimed(Pending{std::move(request), std::move(success), std::move(failure)});
@@ -96,27 +99,27 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
                                       FailureBlock failure) {
   if (!request) return;
   if (!hasCredentials()) return;
-  addDelQueue_.async([weak = weak_from_this(),
-                      pending = Pending{std::move(request), std::move(success),
-                                        std::move(failure)}]() mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    {
-      std::lock_guard lock(self->queueMutex_);
-      const std::string key = claimKey(*pending.request);
-      if (key.empty()) {
-        for (const auto& waiting : self->requestQueue_) {
-          if (waiting.request == pending.request) return;
+  addDelQueue_.async(
+      [weak = weak_from_this(),
+       pending = Pending{std::move(request), std::move(success), std::move(failure)}]() mutable {
+        auto self = weak.lock();
+        if (!self) return;
+        {
+          support::MutexLock lock(self->queueMutex_);
+          const std::string key = claimKey(*pending.request);
+          if (key.empty()) {
+            for (const auto& waiting : self->requestQueue_) {
+              if (waiting.request == pending.request) return;
+            }
+          } else if (!self->underWay_.insert(key).second) {
+            return;  // this row is queued or in flight already
+          } else if (!self->leaseClaimedLocked(*pending.request, key)) {
+            return;  // another process is sending it
+          }
+          self->requestQueue_.push_back(std::move(pending));
         }
-      } else if (!self->underWay_.insert(key).second) {
-        return;  // this row is queued or in flight already
-      } else if (!self->leaseClaimedLocked(*pending.request, key)) {
-        return;  // another process is sending it
-      }
-      self->requestQueue_.push_back(std::move(pending));
-    }
-    self->sendPending();
-  });
+        self->sendPending();
+      });
 }
 
 void OVRequestManager::enqueueClaimed(Pending pending) {
@@ -124,7 +127,7 @@ void OVRequestManager::enqueueClaimed(Pending pending) {
     auto self = weak.lock();
     if (!self) return;
     {
-      std::lock_guard lock(self->queueMutex_);
+      support::MutexLock lock(self->queueMutex_);
       self->requestQueue_.push_back(std::move(pending));
     }
     self->sendPending();
@@ -134,7 +137,7 @@ void OVRequestManager::enqueueClaimed(Pending pending) {
 void OVRequestManager::release(const OVRequest& request) {
   const std::string key = claimKey(request);
   if (key.empty()) return;
-  std::lock_guard lock(queueMutex_);
+  support::MutexLock lock(queueMutex_);
   underWay_.erase(key);
   if (leases_ && request.rowId()) leases_->release(*request.rowId());
 }
@@ -155,7 +158,7 @@ void OVRequestManager::freeSlots(int count) {
 }
 
 DeviceFacts OVRequestManager::currentFacts() {
-  std::lock_guard lock(factsMutex_);
+  support::MutexLock lock(factsMutex_);
   if (!facts_) facts_ = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
   return *facts_;
 }
@@ -164,7 +167,7 @@ void OVRequestManager::sendPending() {
   while (!stopping_) {
     Pending pending;
     {
-      std::lock_guard lock(queueMutex_);
+      support::MutexLock lock(queueMutex_);
       if (requestQueue_.empty()) return;
       // Take a slot first: without one the envelope stays queued until a
       // slot is freed and this loop runs again.
@@ -190,8 +193,8 @@ void OVRequestManager::send(Pending pending) {
   ++inFlight_;
   auto call = stub_->prepareFireEvent(
       eventRequest,
-      [weak = weak_from_this(), pending, eventRequest](
-          std::optional<protocol::EventResponse> reply, std::optional<Error> error) {
+      [weak = weak_from_this(), pending, eventRequest](std::optional<protocol::EventResponse> reply,
+                                                       std::optional<Error> error) {
         auto self = weak.lock();
         if (!self) return;
         self->handleReply(pending, eventRequest, std::move(reply), std::move(error));
@@ -220,7 +223,7 @@ void OVRequestManager::handleReply(const Pending& pending,
     };
     bool deleteHere = false;
     {
-      std::lock_guard lock(deleteMutex_);
+      support::MutexLock lock(deleteMutex_);
       acknowledged_.push_back({key, request->rowId(), id, std::move(after)});
       deleteHere = !deleteScheduled_;
       deleteScheduled_ = true;
@@ -236,11 +239,12 @@ void OVRequestManager::handleReply(const Pending& pending,
     // Retried at once, still claimed, behind whatever waits already.
     request->reduceRetryCount();
     if (!stopping_) {
-      std::lock_guard lock(queueMutex_);
+      support::MutexLock lock(queueMutex_);
       // Re-sends carry no blocks, except a success block given without a
       // failure block: nothing has reported yet, so it stays for the
       // acknowledgement (still reported at most once).
-      requestQueue_.push_back(Pending{request, pending.failure ? nullptr : pending.success, nullptr});
+      requestQueue_.push_back(
+          Pending{request, pending.failure ? nullptr : pending.success, nullptr});
     }
   } else if (reachable && !noAnswer(error, stopping_)) {
     // Out of retries and the backend answered each time: given up.
@@ -282,7 +286,7 @@ void OVRequestManager::deleteAcknowledged() {
   for (;;) {
     std::vector<Acknowledged> batch;
     {
-      std::lock_guard lock(deleteMutex_);
+      support::MutexLock lock(deleteMutex_);
       if (acknowledged_.empty()) {
         deleteScheduled_ = false;
         return;
@@ -305,7 +309,7 @@ void OVRequestManager::deleteAcknowledged() {
       options_.cache->deleteRequests(ids);
     }
     if (deleted) {
-      std::lock_guard lock(queueMutex_);
+      support::MutexLock lock(queueMutex_);
       for (const auto& entry : batch) {
         underWay_.erase(entry.key);
         if (leases_ && entry.rowId) leases_->release(*entry.rowId);
@@ -322,7 +326,7 @@ void OVRequestManager::startTimer() {
   MainQueue::shared().async([weak = weak_from_this()] {
     auto self = weak.lock();
     if (!self) return;
-    std::lock_guard lock(self->timerMutex_);
+    support::MutexLock lock(self->timerMutex_);
     if (self->timer_) MainQueue::shared().cancel(*self->timer_);
     self->timer_ = MainQueue::shared().every(
         std::chrono::duration_cast<std::chrono::milliseconds>(self->options_.timerInterval),
@@ -333,14 +337,14 @@ void OVRequestManager::startTimer() {
 }
 
 void OVRequestManager::stopTimer() {
-  std::lock_guard lock(timerMutex_);
+  support::MutexLock lock(timerMutex_);
   if (timer_) MainQueue::shared().cancel(*timer_);
   timer_.reset();
 }
 
 void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failure) {
   {
-    std::lock_guard lock(factsMutex_);
+    support::MutexLock lock(factsMutex_);
     facts_.reset();  // storage sizes and the screen may have changed
   }
   if (!options_.cache || !options_.cache->isAvailable()) return;
@@ -353,7 +357,7 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
         // Claimed while still on the database queue: a row whose reply and
         // delete land after this read is still claimed here, and one whose
         // delete committed before it is not in the result.
-        std::lock_guard lock(queueMutex_);
+        support::MutexLock lock(queueMutex_);
         for (const auto& row : *restored) {
           const std::string key = claimKey(*row);
           if (key.empty()) {

@@ -17,10 +17,9 @@
 // uploadCacheData()) and released only once its delete has committed, so a
 // row that got a reply is never sent again by this process, whatever
 // overlaps. A claim also takes the row's lease (RowLeases), so a process
-// sharing the file skips rows another live process is sending. A call's slot stays taken until its row's delete has committed,
-// so a crash re-sends at most the three rows of the calls in flight. A row
-// whose delete fails stays claimed: this process never sends it again (and
-// says so once).
+// sharing the file skips rows another live process is sending. A call's slot stays taken until its
+// row's delete has committed, so a crash re-sends at most the three rows of the calls in flight. A
+// row whose delete fails stays claimed: this process never sends it again (and says so once).
 //
 // Ownership and threads: shared() lives for the process (made and wired by
 // the composition root); create() makes private instances for tests and
@@ -57,6 +56,7 @@
 #include "delivery/EventRequestBuilder.h"
 #include "delivery/OVRequest.h"
 #include "delivery/RowLeases.h"
+#include "support/Mutex.h"
 #include "support/SerialQueue.h"
 #include "velquin/Error.h"
 #include "velquin/MainQueue.h"
@@ -150,42 +150,43 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   void release(const OVRequest& request);
   // Takes the row's lease after its claim; false when another process holds
   // it (the claim is then dropped again). Called with queueMutex_ held.
-  bool leaseClaimedLocked(const OVRequest& request, const std::string& key);
+  bool leaseClaimedLocked(const OVRequest& request, const std::string& key)
+      REQUIRES(queueMutex_);
   void freeSlots(int count);
   void reportFailedDelete(std::size_t rows);
   DeviceFacts currentFacts();
   bool logEnabled() const { return options_.logEnabled && options_.logEnabled(); }
 
   const Options options_;
-  std::unique_ptr<EventdStub> stub_;  // built once; safe to share between threads
+  std::unique_ptr<EventdStub> stub_;   // built once; safe to share between threads
   std::unique_ptr<RowLeases> leases_;  // built once; null without a cache; thread-safe
 
-  mutable std::mutex queueMutex_;
-  std::deque<Pending> requestQueue_;           // guarded by queueMutex_
+  mutable support::Mutex queueMutex_;
+  std::deque<Pending> requestQueue_ GUARDED_BY(queueMutex_);
   // Claim keys of rows queued, in flight, acknowledged but not yet deleted,
   // or whose delete failed (never sent again by this process).
-  std::unordered_set<std::string> underWay_;   // guarded by queueMutex_
+  std::unordered_set<std::string> underWay_ GUARDED_BY(queueMutex_);
   // A permit per call in flight or awaiting its row's delete.
   std::counting_semaphore<kMaxInFlight> semaphore_{kMaxInFlight};
   std::atomic<int> inFlight_{0};
   std::atomic<bool> stopping_{false};
   std::atomic<bool> deleteFailureReported_{false};
 
-  std::mutex timerMutex_;
-  std::optional<MainQueue::TimerId> timer_;  // guarded by timerMutex_
+  support::Mutex timerMutex_;
+  std::optional<MainQueue::TimerId> timer_ GUARDED_BY(timerMutex_);
 
-  std::mutex factsMutex_;
-  std::optional<DeviceFacts> facts_;  // guarded by factsMutex_; refreshed by uploadCacheData
+  support::Mutex factsMutex_;
+  std::optional<DeviceFacts> facts_ GUARDED_BY(factsMutex_);  // refreshed by uploadCacheData
 
   struct Acknowledged {
     std::string key;                    // claim key
     std::optional<std::int64_t> rowId;  // none: delete by request id
     std::string requestId;
-    std::function<void()> after;        // log line and success block
+    std::function<void()> after;  // log line and success block
   };
-  std::mutex deleteMutex_;
-  std::vector<Acknowledged> acknowledged_;  // guarded by deleteMutex_
-  bool deleteScheduled_ = false;            // guarded by deleteMutex_: a batch is being taken
+  support::Mutex deleteMutex_;
+  std::vector<Acknowledged> acknowledged_ GUARDED_BY(deleteMutex_);
+  bool deleteScheduled_ GUARDED_BY(deleteMutex_) = false;  // a batch is being taken
 
   // Last: destroyed first, so queued work finishes while the rest exists.
   support::SerialQueue addDelQueue_{"com.addDel.www"};

@@ -16,8 +16,8 @@ int openSideFile(const std::filesystem::path& file) {
   if (file.empty()) return -1;
   const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) {
-    support::warn("request manager: can not open " + file.string() + " (" +
-                  std::strerror(errno) + "); processes sharing the cache may send a row twice");
+    support::warn("request manager: can not open " + file.string() + " (" + std::strerror(errno) +
+                  "); processes sharing the cache may send a row twice");
   }
   return fd;
 }
