@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
@@ -57,8 +58,10 @@ class Durability : public SandboxTest {
 TEST_F(Durability, EveryAcknowledgedEventArrivesAfterAKill) {
   const auto ackFile = env.root() / "acks.txt";
   std::random_device entropy;
-  const int killAfterMs = std::uniform_int_distribution<int>(400, 1500)(entropy);
-  std::cout << "killing the host after " << killAfterMs << " ms\n";
+  // Counted from the host's first stored event, so a slow start on a busy
+  // machine cannot leave nothing to check.
+  const int killAfterMs = std::uniform_int_distribution<int>(100, 1100)(entropy);
+  std::cout << "killing the host " << killAfterMs << " ms after its first stored event\n";
 
   pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -71,6 +74,14 @@ TEST_F(Durability, EveryAcknowledgedEventArrivesAfterAKill) {
     execl(program().c_str(), "velquin", "--bundle", bundle.c_str(), "track-many", "20000",
           "--ack-file", acks.c_str(), "--wait", "120", static_cast<char*>(nullptr));
     _exit(127);
+  }
+  // The first line of the ack file: the host is up and storing. The bound
+  // only keeps a broken host from hanging the test.
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  std::error_code ignored;
+  while (std::filesystem::file_size(ackFile, ignored) == 0 &&
+         waitpid(child, nullptr, WNOHANG) == 0 && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(killAfterMs));
   kill(child, SIGKILL);
@@ -107,9 +118,8 @@ TEST_F(Durability, EveryAcknowledgedEventArrivesAfterAKill) {
     if (earlier > 0 && later > 0) ++resentAfterKill;
     if (later > 1) twiceByRestarted += later - 1;
   }
-  std::cout << acknowledged.size() << " acknowledged, " << received.size()
-            << " distinct received, " << duplicates << " duplicates, " << resentAfterKill
-            << " sent again after the kill\n";
+  std::cout << acknowledged.size() << " acknowledged, " << received.size() << " distinct received, "
+            << duplicates << " duplicates, " << resentAfterKill << " sent again after the kill\n";
   RecordProperty("acknowledged", static_cast<int>(acknowledged.size()));
   RecordProperty("duplicates", static_cast<int>(duplicates));
   EXPECT_TRUE(missing.empty()) << missing.size() << " acknowledged events never arrived, first "
