@@ -35,13 +35,39 @@ class Durability : public SandboxTest {
 
   nlohmann::json run(const std::vector<std::string>& args) { return runHost(args); }
 
-  // Hosts started at once must not each write the local store's default
-  // configuration into the shared data folder (they would race on its
-  // temporary file): the bundle gets the one the first run wrote.
-  void keepStoreConfigurationInTheBundle() {
-    std::filesystem::copy_file(
-        env.root() / "data" / env.bundleId() / "StoreKit" / "default-store-config.json",
-        env.bundleDir() / "store-config.json", std::filesystem::copy_options::overwrite_existing);
+  // Two hosts storing `count` events each ("ev_first", "ev_second") at the
+  // same time over the one data folder; every event must be stored.
+  void runTwoHostsAtOnce(const std::string& count, const std::string& wait) {
+    auto host = [&](const char* name) {
+      return std::async(std::launch::async, [this, count, wait, name] {
+        return run({"track-many", count, "--name", name, "--wait", wait});
+      });
+    };
+    auto first = host("ev_first");
+    auto second = host("ev_second");
+    for (auto* result : {&first, &second}) {
+      auto outcome = result->get();
+      ASSERT_TRUE(outcome.is_object()) << outcome.dump();
+      EXPECT_EQ(outcome["notStored"], 0) << outcome.dump();
+    }
+  }
+
+  // Flushes the cache, then checks that the backend got `expected` distinct
+  // (name, seq) events and none of them twice.
+  void expectEachEventOnceAfterAFlush(std::size_t expected) {
+    auto flushed = run({"flush", "--wait", "60"});
+    EXPECT_EQ(flushed["remaining"], 0);
+    std::map<std::pair<std::string, long>, int> seen;
+    for (const auto& event : server->events()) {
+      auto value = nlohmann::json::parse(event.value, nullptr, false);
+      if (value.is_object() && value.contains("seq")) {
+        ++seen[{event.name, value["seq"].get<long>()}];
+      }
+    }
+    EXPECT_EQ(seen.size(), expected);
+    int repeated = 0;
+    for (const auto& [key, times] : seen) repeated += times - 1;
+    EXPECT_EQ(repeated, 0);
   }
 
   // The sequence numbers the backend received, with how often each came.
@@ -185,70 +211,25 @@ TEST_F(Durability, ADamagedCacheFileIsSetAsideAndEventsStillFlow) {
 TEST_F(Durability, TwoProcessesSharingTheCacheLoseAndRepeatNothing) {
   const int port = server->port();
   ASSERT_EQ(run({"track", "ev_before"})["delivered"], true);
-  keepStoreConfigurationInTheBundle();
   server->stop();
-
   // Both hosts write the one cache at once, with request ids made from the
   // same clock: many of them collide.
-  auto first = std::async(std::launch::async, [&] {
-    return run({"track-many", "500", "--name", "ev_first", "--wait", "2"});
-  });
-  auto second = std::async(std::launch::async, [&] {
-    return run({"track-many", "500", "--name", "ev_second", "--wait", "2"});
-  });
-  for (auto* result : {&first, &second}) {
-    auto outcome = result->get();
-    ASSERT_TRUE(outcome.is_object()) << outcome.dump();
-    EXPECT_EQ(outcome["notStored"], 0) << outcome.dump();
-  }
+  runTwoHostsAtOnce("500", "2");
 
   sandbox::SandboxOptions options;
   options.dataDir = env.root() / "sandbox";
   options.port = port;
   server = std::make_unique<sandbox::SandboxServer>(options);
   ASSERT_TRUE(server->start());
-  auto flushed = run({"flush", "--wait", "60"});
-  EXPECT_EQ(flushed["remaining"], 0);
-
-  std::map<std::pair<std::string, long>, int> seen;
-  for (const auto& event : server->events()) {
-    auto value = nlohmann::json::parse(event.value, nullptr, false);
-    if (value.is_object() && value.contains("seq")) ++seen[{event.name, value["seq"].get<long>()}];
-  }
-  EXPECT_EQ(seen.size(), 1000u);
-  int repeated = 0;
-  for (const auto& [key, times] : seen) repeated += times - 1;
-  EXPECT_EQ(repeated, 0);
+  expectEachEventOnceAfterAFlush(1000);
 }
 
 TEST_F(Durability, TwoProcessesSendingAtOnceNeverSendARowTwice) {
   // Each host uploads the shared cache whenever it falls idle, and so
   // reads the rows the other one is sending.
   ASSERT_EQ(run({"track", "ev_before"})["delivered"], true);
-  keepStoreConfigurationInTheBundle();
-  auto first = std::async(std::launch::async, [&] {
-    return run({"track-many", "1500", "--name", "ev_first", "--wait", "60"});
-  });
-  auto second = std::async(std::launch::async, [&] {
-    return run({"track-many", "1500", "--name", "ev_second", "--wait", "60"});
-  });
-  for (auto* result : {&first, &second}) {
-    auto outcome = result->get();
-    ASSERT_TRUE(outcome.is_object()) << outcome.dump();
-    EXPECT_EQ(outcome["notStored"], 0) << outcome.dump();
-  }
-  auto flushed = run({"flush", "--wait", "60"});
-  EXPECT_EQ(flushed["remaining"], 0);
-
-  std::map<std::pair<std::string, long>, int> seen;
-  for (const auto& event : server->events()) {
-    auto value = nlohmann::json::parse(event.value, nullptr, false);
-    if (value.is_object() && value.contains("seq")) ++seen[{event.name, value["seq"].get<long>()}];
-  }
-  EXPECT_EQ(seen.size(), 3000u);
-  int repeated = 0;
-  for (const auto& [key, times] : seen) repeated += times - 1;
-  EXPECT_EQ(repeated, 0);
+  runTwoHostsAtOnce("1500", "60");
+  expectEachEventOnceAfterAFlush(3000);
 }
 
 TEST_F(Durability, HostileInputIsRefusedWithAClearErrorAndNothingStored) {
