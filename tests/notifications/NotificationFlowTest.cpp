@@ -343,5 +343,24 @@ TEST_F(NotificationFlowTest, FacadeStartsHandlingOnceAndAnswersTheMessageCheck) 
   EXPECT_EQ(server->calls("GetInAppMessage").size(), 1u);
 }
 
+TEST_F(NotificationFlowTest, CommandLineHostDeliversAPayloadAndReportsWhatHappened) {
+  startNotificationServer();
+  nlohmann::json payload = kAnnouncement;
+  int status = -1;
+  auto shownAtOnce = runHost({"notify", payload.dump(), "--in-front", "--auto-show"}, &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(shownAtOnce.value("presentationOptions", -1), 0);
+  EXPECT_EQ(shownAtOnce.value("desktopNotificationRequested", true), false);
+  EXPECT_EQ(shownAtOnce.value("inAppMessageShown", false), true);
+
+  auto clicked = runHost({"notify", payload.dump(), "--click", "--wait", "10"}, &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(clicked.value("desktopNotificationRequested", false), true);
+  EXPECT_EQ(clicked.value("clicked", false), true);
+  EXPECT_EQ(clicked.value("inAppMessageShown", false), true);
+  EXPECT_TRUE(notifications->waitForCalls(1));
+  EXPECT_EQ(server->calls("GetInAppMessage").size(), 2u);
+}
+
 }  // namespace
 }  // namespace velquin::testing
