@@ -331,7 +331,12 @@ TEST_F(NotificationFlowTest, FacadeStartsHandlingOnceAndAnswersTheMessageCheck) 
         nlohmann::json{{"velquin_alert_type", "ALERT_TYPE_IN_APP"}},
         nlohmann::json{{"velquin_alert_type", "ALERT_TYPE_IN_APP"}, {"velquin_id", 12}},
         nlohmann::json{{"velquin_alert_type", {{"nested", true}}}, {"velquin_id", "welcome-offer"}},
-        nlohmann::json{{"velquin_alert_type", "ALERT_TYPE_OTHER"}, {"velquin_id", "x"}}}) {
+        nlohmann::json{{"velquin_alert_type", "ALERT_TYPE_OTHER"}, {"velquin_id", "x"}},
+        nlohmann::json{{"aps", 5}, {"velquin_alert_type", 1}, {"velquin_id", nullptr},
+                       {"velquin_notification_id", {1, 2}}, {"velquin_trigger_type", 2.5},
+                       {"velquin_trigger_at", {{"at", 1}}}},
+        nlohmann::json{{"aps", {{"alert", 3}}}, {"velquin_alert_type", "ALERT_TYPE_IN_APP"},
+                       {"velquin_id", {{"id", "welcome-offer"}}}}}) {
     EXPECT_FALSE(Velquin::shared().sendUserNotificationCenterMessage(payload)) << payload;
     EXPECT_TRUE(util.isAutoShow);
     Velquin::shared().sendNotificationUserInfoToBehaviorDataReporting(payload);
