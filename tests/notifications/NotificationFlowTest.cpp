@@ -289,6 +289,28 @@ TEST_F(NotificationFlowTest, WithoutNotificationServerTheEventIsStillRecorded) {
   EXPECT_EQ(events[0].value("velquin_notification_id", ""), "n-4");
 }
 
+TEST_F(NotificationFlowTest, AServerThatNeverAnswersDelaysNothing) {
+  notifications = std::make_unique<NotificationServer>(bus->address(), false);
+  ASSERT_TRUE(notifications->ok());
+  auto failed = std::make_shared<Signal>();
+  Velquin::shared().setUserNotificationCenter(platform::createFreedesktopNotificationCenter(
+      300ms, [failed](bool ok) {
+        if (!ok) failed->bump();
+      }));
+  Velquin::shared().setInAppMesssageAutoShow(false);
+  ::testing::internal::CaptureStderr();
+  Velquin::shared().receivePushNotification({{"velquin_notification_id", "n-6"}}, true);
+  Velquin::shared().receivePushNotification({{"velquin_notification_id", "n-7"}}, false);
+  ASSERT_TRUE(notifications->waitForCalls(2));
+  bool gaveUp = failed->waitFor(2);
+  auto stderrText = ::testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(gaveUp);
+  EXPECT_NE(stderrText.find("desktop notification not shown"), std::string::npos) << stderrText;
+  // The main queue kept running meanwhile.
+  MainQueue::shared().sync([] {});
+  EXPECT_EQ(deliveredEvents(1).size(), 1u);
+}
+
 TEST_F(NotificationFlowTest, WithoutSessionBusTheEventIsStillRecorded) {
   setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (env.root() / "no-bus").string()).c_str(),
          1);

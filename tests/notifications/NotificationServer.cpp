@@ -51,13 +51,13 @@ void onMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
   }
   g_variant_iter_free(actions);
   g_variant_iter_free(hints);
-  auto id = static_cast<NotificationServer*>(data)->record(std::move(call));
-  g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", id));
+  static_cast<NotificationServer*>(data)->handle(std::move(call), invocation);
 }
 
 }  // namespace
 
-NotificationServer::NotificationServer(const std::string& busAddress) {
+NotificationServer::NotificationServer(const std::string& busAddress, bool answer)
+    : answer_(answer) {
   context_ = g_main_context_new();
   loop_ = g_main_loop_new(context_, FALSE);
   thread_ = std::thread([this, busAddress] { run(busAddress); });
@@ -109,6 +109,11 @@ void NotificationServer::run(const std::string& busAddress) {
   }
   changed_.notify_all();
   g_main_loop_run(loop_);
+  for (auto* invocation : held_) {
+    g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.Failed",
+                                               "server stopped");
+  }
+  held_.clear();
   if (connection_) {
     g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
     g_object_unref(connection_);
@@ -116,12 +121,19 @@ void NotificationServer::run(const std::string& busAddress) {
   g_main_context_pop_thread_default(context_);
 }
 
-std::uint32_t NotificationServer::record(NotifyCall call) {
-  std::lock_guard lock(mutex_);
-  call.id = static_cast<std::uint32_t>(calls_.size() + 1);
-  calls_.push_back(call);
+void NotificationServer::handle(NotifyCall call, GDBusMethodInvocation* invocation) {
+  std::uint32_t id = 0;
+  {
+    std::lock_guard lock(mutex_);
+    id = call.id = static_cast<std::uint32_t>(calls_.size() + 1);
+    calls_.push_back(std::move(call));
+  }
   changed_.notify_all();
-  return call.id;
+  if (answer_) {
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", id));
+  } else {
+    held_.push_back(invocation);  // the reference dispatch handed over
+  }
 }
 
 std::vector<NotifyCall> NotificationServer::calls() const {

@@ -18,6 +18,7 @@
 typedef struct _GDBusConnection GDBusConnection;
 typedef struct _GMainContext GMainContext;
 typedef struct _GMainLoop GMainLoop;
+typedef struct _GDBusMethodInvocation GDBusMethodInvocation;
 
 namespace velquin::testing {
 
@@ -32,7 +33,9 @@ struct NotifyCall {
 
 class NotificationServer {
  public:
-  explicit NotificationServer(const std::string& busAddress);
+  // With `answer` false, Notify calls are recorded but never answered (a
+  // hung server); they are answered with an error when the server stops.
+  explicit NotificationServer(const std::string& busAddress, bool answer = true);
   ~NotificationServer();
   NotificationServer(const NotificationServer&) = delete;
   NotificationServer& operator=(const NotificationServer&) = delete;
@@ -46,8 +49,9 @@ class NotificationServer {
   // Emits ActionInvoked(id, action) to every listener.
   void invokeAction(std::uint32_t id, const std::string& action = "default");
 
-  // Called by the D-Bus dispatch on the server's thread.
-  std::uint32_t record(NotifyCall call);
+  // Called by the D-Bus dispatch on the server's thread: records the call
+  // and answers it, or keeps it unanswered.
+  void handle(NotifyCall call, GDBusMethodInvocation* invocation);
 
  private:
   void run(const std::string& busAddress);
@@ -59,7 +63,9 @@ class NotificationServer {
   bool ok_ = false;                // written before started_ is set
   GMainContext* context_ = nullptr;
   GMainLoop* loop_ = nullptr;
+  const bool answer_;
   GDBusConnection* connection_ = nullptr;  // owned by the server's thread
+  std::vector<GDBusMethodInvocation*> held_;  // owned by the server's thread
   std::thread thread_;
 };
 
