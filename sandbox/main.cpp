@@ -5,6 +5,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -34,6 +35,7 @@ constexpr const char* kUsage = R"(Usage:
   velquin-sandbox --data-dir D [--config F] subscriber USER [--json]
   velquin-sandbox --data-dir D transactions [--user USER] [--json]
   velquin-sandbox --data-dir D products [--json]
+  velquin-sandbox --data-dir D [--config F] push-payload MESSAGE_ID
   velquin-sandbox --help
 
 serve (the default) answers every backend service over TLS on H:P
@@ -48,7 +50,9 @@ events, calls, transactions (purchases from verified receipts) and products
 (prices sent with receipts) print what the sandbox recorded in D, without
 serving. subscriber prints what USER is entitled to now, computed with the
 configuration's "entitlements" and "refunded_transactions", as JSON
-(indented; one line with --json).
+(indented; one line with --json). push-payload prints, on one line, the push
+payload announcing the configuration's in-app message MESSAGE_ID, ready for
+a client (velquin notify PAYLOAD_JSON).
 )";
 
 struct Arguments {
@@ -58,6 +62,7 @@ struct Arguments {
   std::string bundleId = "com.velquin.demo";
   std::string method;
   std::string user;       // subscriber's USER, or transactions' --user
+  std::string messageId;  // push-payload's MESSAGE_ID
   bool userFlag = false;  // --user was given
   bool json = false;
   bool help = false;
@@ -156,7 +161,7 @@ Arguments parse(int argc, char** argv) {
       throw UsageError{"unknown option " + word};
     } else if (!sawCommand && (word == "serve" || word == "events" || word == "calls" ||
                                word == "subscriber" || word == "transactions" ||
-                               word == "products")) {
+                               word == "products" || word == "push-payload")) {
       args.command = word;
       sawCommand = true;
       if (word == "subscriber") {
@@ -164,6 +169,12 @@ Arguments parse(int argc, char** argv) {
           throw UsageError{"subscriber needs a USER"};
         }
         args.user = words[++i];
+      }
+      if (word == "push-payload") {
+        if (i + 1 >= words.size() || words[i + 1].rfind("-", 0) == 0) {
+          throw UsageError{"push-payload needs a MESSAGE_ID"};
+        }
+        args.messageId = words[++i];
       }
     } else {
       throw UsageError{"unexpected argument \"" + word + "\""};
@@ -261,6 +272,42 @@ int printSubscriber(const Database& database, const Arguments& args) {
   auto subscriber = velquin::sandbox::buildSubscriber(
       purchases, velquin::sandbox::subscriberRulesFromConfig(*config), now);
   std::cout << subscriberJson(subscriber, args.json) << '\n';
+  return 0;
+}
+
+// The payload a push announcing an in-app message carries: the alert
+// shown, and the keys the client reads.
+int printPushPayload(const Arguments& args) {
+  std::string error;
+  auto config = velquin::sandbox::loadConfig(args.options.configFile, &error);
+  if (!config) {
+    std::cerr << "velquin-sandbox: " << error << '\n';
+    return 1;
+  }
+  const auto& messages = config->value("in_app_messages", nlohmann::json::object());
+  if (!messages.is_object() || !messages.contains(args.messageId) ||
+      !messages.at(args.messageId).is_object()) {
+    std::cerr << "velquin-sandbox: no in-app message \"" << args.messageId << "\"\n";
+    return 1;
+  }
+  const auto& message = messages.at(args.messageId);
+  auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  char at[32];
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  std::strftime(at, sizeof at, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  nlohmann::json payload = {
+      {"aps",
+       {{"alert",
+         {{"title", message.value("title", std::string())},
+          {"body", message.value("content", std::string())}}},
+        {"sound", "default"}}},
+      {"velquin_alert_type", "ALERT_TYPE_IN_APP"},
+      {"velquin_id", args.messageId},
+      {"velquin_notification_id", "sandbox-" + args.messageId},
+      {"velquin_trigger_type", "manual"},
+      {"velquin_trigger_at", at}};
+  std::cout << payload.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
   return 0;
 }
 
@@ -375,6 +422,7 @@ int main(int argc, char** argv) {
       return 0;
     }
     if (args.command == "serve") return serve(args);
+    if (args.command == "push-payload") return printPushPayload(args);
     return printRecorded(args);
   } catch (const std::exception& e) {
     std::cerr << "velquin-sandbox: " << e.what() << '\n';

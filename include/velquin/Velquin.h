@@ -27,6 +27,7 @@
 #include "velquin/Error.h"
 #include "velquin/Export.h"
 #include "velquin/Models.h"
+#include "velquin/NotificationCenterProvider.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/PagePresenter.h"
 #include "velquin/Providers.h"
@@ -141,17 +142,45 @@ class VELQUIN_EXPORT Velquin {
   // Writes the SDK's purchase log line; only while purchase logs are on.
   void writeLog(const std::string& message) const;
 
-  // The delay, in seconds, before an in-app message is shown after the app
-  // comes back from the background. Only stored for now.
+  // ---- Notifications. The SDK becomes the delegate of the user-notification
+  // centre on the first of setInAppMesssageAutoShow and
+  // setAutoUserNotificationBehaviorDataReporting; from then on each push
+  // delivered through receivePushNotification is reported
+  // ("ev_clicked_notification") and in-app message announcements are
+  // fetched and shown through the page presenter.
+
+  // Sets whether an in-app message announced while the app is in front is
+  // shown at once as a page (no desktop notification, no event); starts
+  // notification handling the first time.
+  void setInAppMesssageAutoShow(bool isAutoShow);
+  // Starts notification handling (once), leaving the auto-show flag as it is.
+  void setAutoUserNotificationBehaviorDataReporting();
+  // Turns auto-show on and handles `userInfo` as an in-app message
+  // announcement; true when it was one (the message is then being fetched).
+  bool sendUserNotificationCenterMessage(const nlohmann::json& userInfo);
+  // Records the "ev_clicked_notification" event for a push payload.
+  void sendNotificationUserInfoToBehaviorDataReporting(const nlohmann::json& userInfo);
+  // The delay, in seconds, between a tap on a notification and its handling
+  // (1.5 unless set).
   void setFromBackgroudPointToDelayTime(double delayTime);
   double fromBackgroudPointToDelayTime() const;
+
+  // The user-notification centre (velquin/NotificationCenterProvider.h):
+  // the freedesktop one unless the host installs its own, which it should
+  // do before notification handling starts.
+  void setUserNotificationCenter(std::shared_ptr<UserNotificationCenter> center);
+  std::shared_ptr<UserNotificationCenter> userNotificationCenter() const;
+  // The entry through which a host hands the SDK a push payload received on
+  // its own channel, as the platform would deliver it: `inFront` when the
+  // app is in front. The payload is the notification's user info; its title
+  // and body come from "aps" → "alert" ("title", "body", or the alert text
+  // as the body) when present. Returns at once; any thread.
+  void receivePushNotification(const nlohmann::json& payload, bool inFront);
 
  private:
   Velquin();
   const std::unique_ptr<OVPurchase> purchases_;   // made first, immutable
   const std::unique_ptr<OVAnalytics> analytics_;  // immutable
-  // Notification settings the host makes before notifications start.
-  std::atomic<double> delayTime_{0};  // atomic: any thread
 };
 
 }  // namespace velquin

@@ -1,8 +1,9 @@
 // The composition root: the one place that knows every layer. It creates
 // the system's process-wide objects of the lower layers on first use and
 // wires what each needs from above: the event client's app key and tag,
-// the delivery's device facts, reachability and log switch, and the tag
-// listener of the process flags.
+// the delivery's device facts, reachability and log switch, the tag
+// listener of the process flags, and the notification handler's backend,
+// page presenter and analytics.
 //
 // Every object made here lives for the process and is never torn down.
 #include <ctime>
@@ -16,8 +17,11 @@
 #include "delivery/OVRequestManager.h"
 #include "delivery/ZKFMDB.h"
 #include "facade/CompositionRoot.h"
+#include "notifications/OVNotificationUtil.h"
+#include "platform/FreedesktopNotifications.h"
 #include "platform/Env.h"
 #include "purchases/OVPurchaseImpl.h"
+#include "support/Mutex.h"
 #include "support/OVUtils.h"
 #include "velquin/Bundle.h"
 #include "velquin/OVAnalytics.h"
@@ -113,6 +117,52 @@ std::shared_ptr<OVPurchaseImpl> OVPurchaseImpl::sharedPointer() {
 
 OVPurchaseImpl& OVPurchaseImpl::shared() {
   return *sharedPointer();
+}
+
+std::shared_ptr<OVNotificationUtil> OVNotificationUtil::sharedPointer() {
+  static auto* instance = new std::shared_ptr<OVNotificationUtil>(  // lives for the process
+      std::make_shared<OVNotificationUtil>(Dependencies{
+          [] () -> GRPCserviceManager& { return OVPurchaseImpl::shared().networkManager(); },
+          [](const std::string& html) -> std::optional<bool> {
+            auto presenter = OVPurchaseImpl::shared().pagePresenter();
+            if (!presenter) return std::nullopt;
+            return presenter->presentInAppMessage(html);
+          },
+          [](const std::string& name, const nlohmann::json& params) {
+            return Velquin::shared().analytics().uploadBigDataWithEvent(name, params);
+          }}));
+  return *instance;
+}
+
+OVNotificationUtil& OVNotificationUtil::shared() {
+  return *sharedPointer();
+}
+
+namespace {
+
+struct NotificationCenterSlot {
+  support::Mutex mutex;
+  std::shared_ptr<UserNotificationCenter> center GUARDED_BY(mutex);
+};
+
+NotificationCenterSlot& notificationCenterSlot() {
+  static auto* slot = new NotificationCenterSlot();  // lives for the process
+  return *slot;
+}
+
+}  // namespace
+
+std::shared_ptr<UserNotificationCenter> currentUserNotificationCenter() {
+  auto& slot = notificationCenterSlot();
+  support::MutexLock lock(slot.mutex);
+  if (!slot.center) slot.center = platform::createFreedesktopNotificationCenter();
+  return slot.center;
+}
+
+void installUserNotificationCenter(std::shared_ptr<UserNotificationCenter> center) {
+  auto& slot = notificationCenterSlot();
+  support::MutexLock lock(slot.mutex);
+  slot.center = std::move(center);
 }
 
 }  // namespace velquin

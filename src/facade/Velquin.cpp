@@ -4,6 +4,7 @@
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
 #include "facade/CompositionRoot.h"
+#include "notifications/OVNotificationUtil.h"
 #include "platform/Env.h"
 #include "purchases/OVDataCache.h"
 #include "purchases/OVPurchaseImpl.h"
@@ -235,12 +236,80 @@ void Velquin::setInAppPurchasePromotingStatus(
   purchases_->setPromotingObserver(observer);
 }
 
+namespace {
+
+// Makes the notification handler the centre's delegate, the first time only.
+void startNotificationHandling() {
+  auto& util = OVNotificationUtil::shared();
+  bool started = false;
+  if (!util.isFinishStart.compare_exchange_strong(started, true)) return;
+  currentUserNotificationCenter()->setDelegate(OVNotificationUtil::sharedPointer());
+  log("startServer");
+}
+
+}  // namespace
+
+void Velquin::setInAppMesssageAutoShow(bool isAutoShow) {
+  OVNotificationUtil::shared().isAutoShow = isAutoShow;
+  startNotificationHandling();
+}
+
+void Velquin::setAutoUserNotificationBehaviorDataReporting() {
+  startNotificationHandling();
+}
+
+bool Velquin::sendUserNotificationCenterMessage(const nlohmann::json& userInfo) {
+  auto& util = OVNotificationUtil::shared();
+  util.isAutoShow = true;
+  return util.handleInAppMessage(userInfo);
+}
+
+void Velquin::sendNotificationUserInfoToBehaviorDataReporting(const nlohmann::json& userInfo) {
+  OVNotificationUtil::shared().reportNotification(userInfo);
+}
+
 void Velquin::setFromBackgroudPointToDelayTime(double delayTime) {
-  delayTime_ = delayTime;
+  OVNotificationUtil::shared().delayTime = delayTime;
 }
 
 double Velquin::fromBackgroudPointToDelayTime() const {
-  return delayTime_;
+  return OVNotificationUtil::shared().delayTime;
+}
+
+void Velquin::setUserNotificationCenter(std::shared_ptr<UserNotificationCenter> center) {
+  installUserNotificationCenter(std::move(center));
+}
+
+std::shared_ptr<UserNotificationCenter> Velquin::userNotificationCenter() const {
+  return currentUserNotificationCenter();
+}
+
+namespace {
+
+// The text under `key` of a JSON map; empty for anything else.
+std::string textAt(const nlohmann::json& object, const char* key) {
+  if (!object.is_object() || !object.contains(key)) return {};
+  const auto& value = object.at(key);
+  return value.is_string() ? value.get<std::string>() : std::string();
+}
+
+}  // namespace
+
+void Velquin::receivePushNotification(const nlohmann::json& payload, bool inFront) {
+  UserNotification notification;
+  notification.userInfo = payload.is_object() ? payload : nlohmann::json::object();
+  const auto& info = notification.userInfo;
+  if (info.contains("aps") && info.at("aps").is_object() && info.at("aps").contains("alert")) {
+    const auto& alert = info.at("aps").at("alert");
+    if (alert.is_string()) {
+      notification.body = alert.get<std::string>();
+    } else {
+      notification.title = textAt(alert, "title");
+      notification.body = textAt(alert, "body");
+    }
+  }
+  notification.identifier = textAt(info, "velquin_notification_id");
+  currentUserNotificationCenter()->deliver(notification, inFront);
 }
 
 std::shared_ptr<PagePresenter> Velquin::pagePresenter() const {

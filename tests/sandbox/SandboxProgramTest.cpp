@@ -105,9 +105,26 @@ TEST(SandboxProgram, RefusesBadArgumentsWithExitCodeTwo) {
   EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "subscriber", "--json"}).exitCode, 2);
   EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "--user", "u", "events"}).exitCode, 2);
   EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "--receipt-public-key"}).exitCode, 2);
+  EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "push-payload"}).exitCode, 2);
   auto help = runSandbox({"--help"});
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_NE(help.out.find("--data-dir"), std::string::npos);
+}
+
+TEST(SandboxProgram, PrintsAPushPayloadForAConfiguredInAppMessage) {
+  velquin::testing::TempEnvironment env;
+  auto dir = (env.root() / "data").string();
+  auto printed = runSandbox({"--data-dir", dir, "push-payload", "welcome-offer"});
+  ASSERT_EQ(printed.exitCode, 0);
+  auto payload = nlohmann::json::parse(printed.out, nullptr, false);
+  ASSERT_TRUE(payload.is_object()) << printed.out;
+  EXPECT_EQ(payload.value("velquin_alert_type", ""), "ALERT_TYPE_IN_APP");
+  EXPECT_EQ(payload.value("velquin_id", ""), "welcome-offer");
+  EXPECT_TRUE(payload["velquin_notification_id"].is_string());
+  EXPECT_TRUE(payload["velquin_trigger_type"].is_string());
+  EXPECT_TRUE(payload["velquin_trigger_at"].is_string());
+  EXPECT_FALSE(payload["aps"]["alert"].value("title", "").empty());
+  EXPECT_EQ(runSandbox({"--data-dir", dir, "push-payload", "no-such-message"}).exitCode, 1);
 }
 
 TEST(SandboxProgram, ServesUntilTerminatedAndWritesTheBundle) {

@@ -20,7 +20,8 @@ using velquin::cli::Command;
 std::vector<Command> allCommands() {
   std::vector<Command> commands;
   for (auto area :
-       {velquin::cli::spineCommands, velquin::cli::eventCommands, velquin::cli::purchaseCommands}) {
+       {velquin::cli::spineCommands, velquin::cli::eventCommands, velquin::cli::purchaseCommands,
+        velquin::cli::notifyCommands}) {
     auto more = area();
     commands.insert(commands.end(), more.begin(), more.end());
   }
