@@ -2,10 +2,15 @@
 // Its start screen shows the subscription state and a "Go premium" button
 // that opens the server's paywall; the welcome page lies over it at start.
 //
-//   velquin-gtk-demo --bundle DIR [--store-config FILE] [--paywall]
+//   velquin-gtk-demo --bundle DIR [--store-config FILE] [--paywall] [--push FILE]
 //                    [--screenshots DIR] [--quit-after SECONDS] [--log]
 //
 // --paywall opens the paywall as soon as start-up has the page.
+// --push FILE reads a push payload (JSON) from FILE and, once start-up has
+// handled the app config, turns in-app message auto-show on and delivers
+// the payload as one arriving in front; an in-app message it announces is
+// shown over the window. With --screenshots the message page is saved as
+// in-app-message.png and closed before the paywall is driven.
 // --screenshots DIR drives the app without a person: it saves the welcome
 // page, opens the paywall, saves it once its prices are shown, buys the first
 // plan, saves the success alert, presses "OK" and saves the start screen.
@@ -17,10 +22,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+
+#include <nlohmann/json.hpp>
 
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
@@ -34,6 +42,7 @@
 namespace {
 
 using velquin::Velquin;
+using velquin::gtk::OVInAppMessagePage;
 using velquin::gtk::VelQuinOVPPaywallviewController;
 using velquin::gtk::VelquinWelcomePage;
 
@@ -41,6 +50,7 @@ struct Options {
   std::string bundle;
   std::optional<std::string> storeConfig;
   bool paywall = false;
+  std::optional<std::filesystem::path> push;
   std::optional<std::filesystem::path> screenshots;
   std::optional<double> quitAfter;
   bool log = false;
@@ -48,7 +58,7 @@ struct Options {
 
 void usage() {
   std::fprintf(stderr,
-               "usage: velquin-gtk-demo --bundle DIR [--store-config FILE] [--paywall]\n"
+               "usage: velquin-gtk-demo --bundle DIR [--store-config FILE] [--paywall] [--push FILE]\n"
                "                        [--screenshots DIR] [--quit-after SECONDS] [--log]\n");
 }
 
@@ -69,6 +79,10 @@ std::optional<Options> parse(int argc, char** argv) {
       if (!options.storeConfig) return std::nullopt;
     } else if (arg == "--paywall") {
       options.paywall = true;
+    } else if (arg == "--push") {
+      auto v = value();
+      if (!v) return std::nullopt;
+      options.push = *v;
     } else if (arg == "--screenshots") {
       auto v = value();
       if (!v) return std::nullopt;
@@ -124,7 +138,8 @@ void evaluate(WebKitWebView* view, const std::string& script,
 
 class DemoApp {
  public:
-  explicit DemoApp(Options options) : options_(std::move(options)) {}
+  DemoApp(Options options, std::optional<nlohmann::json> payload)
+      : options_(std::move(options)), payload_(std::move(payload)) {}
 
   int run() {
     loop_ = g_main_loop_new(nullptr, FALSE);
@@ -150,6 +165,7 @@ class DemoApp {
     g_main_loop_run(loop_);
     velquin::NotificationCenter::defaultCenter().removeObserver(appConfigToken_);
     for (auto& paywall : VelQuinOVPPaywallviewController::presented()) paywall->closeAction();
+    for (auto& page : OVInAppMessagePage::shownPages()) page->closeAction();
     gtk_window_destroy(window_);
     g_main_loop_unref(loop_);
     return failed_ ? 1 : 0;
@@ -201,7 +217,36 @@ class DemoApp {
     refreshState();
     if (startedUp_) return;
     startedUp_ = true;
+    if (payload_) {
+      Velquin::shared().setInAppMesssageAutoShow(true);
+      Velquin::shared().receivePushNotification(*payload_, /*inFront=*/true);
+      // The paywall follows once the message page is saved.
+      if (options_.screenshots) return shootInAppMessage();
+    }
     if (options_.paywall || options_.screenshots) openPaywall();
+  }
+
+  // Saves the in-app message page the payload brought, closes it and goes
+  // on with the paywall.
+  void shootInAppMessage() {
+    poll([this] {
+      auto pages = OVInAppMessagePage::shownPages();
+      bool ready = !pages.empty() && gtk_widget_get_mapped(pages.back()->widget()) &&
+                   !webkit_web_view_is_loading(pages.back()->webView()) &&
+                   gtk_widget_get_width(pages.back()->widget()) ==
+                       gtk_widget_get_width(GTK_WIDGET(window_));
+      // The fetch is bounded by the SDK's call timeouts; 30 s is only a guard.
+      if (!ready && ++messageWaits_ < 300) return false;
+      if (ready) {
+        save(GTK_WIDGET(window_), "in-app-message", "the in-app message the push announced");
+        for (auto& page : pages) page->closeAction();
+      } else {
+        std::fprintf(stderr, "velquin-gtk-demo: no in-app message was shown for the payload\n");
+        failed_ = true;
+      }
+      openPaywall();
+      return true;
+    });
   }
 
   void refreshState() {
@@ -313,6 +358,7 @@ class DemoApp {
   }
 
   Options options_;
+  std::optional<nlohmann::json> payload_;
   GMainLoop* loop_ = nullptr;
   GtkWindow* window_ = nullptr;
   GtkWidget* state_ = nullptr;
@@ -322,6 +368,7 @@ class DemoApp {
   bool checking_ = false;
   bool shotPaywall_ = false;
   int waits_ = 0;
+  int messageWaits_ = 0;
   bool failed_ = false;
 };
 
@@ -333,6 +380,17 @@ int main(int argc, char** argv) {
     usage();
     return 2;
   }
+  std::optional<nlohmann::json> payload;
+  if (options->push) {
+    std::ifstream in(*options->push);
+    auto parsed = nlohmann::json::parse(in, nullptr, false);
+    if (!in.is_open() || !parsed.is_object()) {
+      std::fprintf(stderr, "velquin-gtk-demo: %s is not a readable JSON object\n",
+                   options->push->c_str());
+      return 2;
+    }
+    payload = std::move(parsed);
+  }
   if (!gtk_init_check()) {
     std::fprintf(stderr, "velquin-gtk-demo: no display (try xvfb-run)\n");
     return 1;
@@ -343,5 +401,5 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "velquin-gtk-demo: the SDK was used before velquin::gtk::install()\n");
     return 1;
   }
-  return DemoApp(std::move(*options)).run();
+  return DemoApp(std::move(*options), std::move(payload)).run();
 }
