@@ -5,7 +5,9 @@
 #include <webkit/webkit.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <vector>
 
 #include "PageFixture.h"
 #include "platform/FreedesktopNotifications.h"
@@ -19,6 +21,30 @@ namespace {
 
 using gtk::OVInAppMessagePage;
 
+// Stands between the centre and the SDK's delegate and records the
+// presentation options the SDK answers for a notification in front.
+class AnswerRecorder final : public UserNotificationCenterDelegate {
+ public:
+  explicit AnswerRecorder(std::shared_ptr<UserNotificationCenterDelegate> inner)
+      : inner_(std::move(inner)) {}
+  void willPresent(const UserNotification& notification,
+                   std::function<void(unsigned)> completion) override {
+    inner_->willPresent(notification, [this, completion](unsigned options) {
+      answers.push_back(options);
+      completion(options);
+    });
+  }
+  void didReceive(const UserNotification& notification,
+                  std::function<void()> completion) override {
+    inner_->didReceive(notification, std::move(completion));
+  }
+  // Written and read on the main queue, which is the test's thread here.
+  std::vector<unsigned> answers;
+
+ private:
+  std::shared_ptr<UserNotificationCenterDelegate> inner_;
+};
+
 class PushedInAppMessageTest : public PagesTest {};
 
 TEST_F(PushedInAppMessageTest, AutoShownAnnouncementInFrontIsShownOverTheHostsWindow) {
@@ -30,6 +56,9 @@ TEST_F(PushedInAppMessageTest, AutoShownAnnouncementInFrontIsShownOverTheHostsWi
   Velquin::shared().setUserNotificationCenter(platform::createFreedesktopNotificationCenter(
       std::chrono::seconds(3), [attempts](bool) { ++*attempts; }));
   Velquin::shared().setInAppMesssageAutoShow(true);
+  auto center = Velquin::shared().userNotificationCenter();
+  auto recorder = std::make_shared<AnswerRecorder>(center->delegate());
+  center->setDelegate(recorder);
 
   Velquin::shared().receivePushNotification(
       {{"aps", {{"alert", {{"title", "A welcome offer"}, {"body", "Open to see"}}}}},
@@ -58,6 +87,7 @@ TEST_F(PushedInAppMessageTest, AutoShownAnnouncementInFrontIsShownOverTheHostsWi
   auto ran = std::make_shared<std::atomic<bool>>(false);
   MainQueue::shared().async([ran] { *ran = true; });
   ASSERT_TRUE(iterateUntil([&] { return ran->load(); }));
+  EXPECT_EQ(recorder->answers, std::vector<unsigned>{NotificationPresentationOptions::none});
   EXPECT_EQ(attempts->load(), 0);
   auto& analytics = Velquin::shared().analytics();
   ASSERT_TRUE(analytics.canSendEvents());
