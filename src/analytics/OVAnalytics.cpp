@@ -12,7 +12,6 @@
 #include "delivery/OVRequestManager.h"
 #include "platform/Env.h"
 #include "support/Console.h"
-#include "support/OVCFunctionToolHelper.h"
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
 

@@ -46,8 +46,7 @@ GRPCserviceManager::GRPCserviceManager(const Bundle& bundle, DeviceSource& devic
   AppToken token = AppToken::load(bundle);
   app_id_ = token.appId.value_or("");
   serverUrl_ = token.apiAddress.value_or(defaultGatewayAddress());
-  rootCertificates_ = token.rootCertificates.value_or("");
-  auto channel = backendChannel(serverUrl_, rootCertificates_);
+  auto channel = backendChannel(serverUrl_, token.rootCertificates.value_or(""));
   client_ = iap::IAPService::NewStub(channel);
   pushNotificationClient_ = push_notification::PushNotificationService::NewStub(channel);
   attributionClient_ = attribution::AttributionService::NewStub(channel);

@@ -83,9 +83,8 @@ class GRPCserviceManager {
   platform::Env& env_;
   mutable support::Mutex appKeyMutex_;
   std::string appKey_ GUARDED_BY(appKeyMutex_);
-  std::string app_id_;            // set in the constructor, then read-only
-  std::string serverUrl_;         // set in the constructor, then read-only
-  std::string rootCertificates_;  // set in the constructor, then read-only
+  std::string app_id_;     // set in the constructor, then read-only
+  std::string serverUrl_;  // set in the constructor, then read-only
   std::atomic<std::chrono::milliseconds> timeout_;
   std::unique_ptr<iap::IAPService::Stub> client_;
   std::unique_ptr<push_notification::PushNotificationService::Stub> pushNotificationClient_;

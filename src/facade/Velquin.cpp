@@ -5,7 +5,6 @@
 #include "backend/GRPCserviceManager.h"
 #include "facade/CompositionRoot.h"
 #include "notifications/OVNotificationUtil.h"
-#include "platform/Env.h"
 #include "purchases/OVDataCache.h"
 #include "purchases/OVPurchaseImpl.h"
 #include "support/OVCFunctionToolHelper.h"
@@ -317,24 +316,12 @@ std::shared_ptr<PagePresenter> Velquin::pagePresenter() const {
 }
 
 std::optional<std::string> Velquin::storedWelcomePage() const {
-  auto bytes = platform::Env::standard().userDefaults().dataForKey(OVDataCache::kWelcomePageKey);
-  if (!bytes) return std::nullopt;
-  return std::string(bytes->begin(), bytes->end());
+  return OVPurchaseImpl::shared().dataCache().storedWelcomePage();
 }
 
 void Velquin::fetchPaywallPage(
     std::function<void(std::optional<std::string>, std::optional<Error>)> completion) {
-  network().getAppConfig(
-      [completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
-                                           std::optional<Error> error) {
-        OVPurchaseImpl::shared().handleAppConfig(reply ? &*reply : nullptr, error);
-        if (!completion) return;
-        if (reply && !error) {
-          completion(reply->paywall_page(), std::nullopt);
-        } else {
-          completion(std::nullopt, error);
-        }
-      });
+  OVPurchaseImpl::shared().fetchPaywallPage(std::move(completion));
 }
 
 void Velquin::writeLog(const std::string& message) const {

@@ -35,14 +35,18 @@ std::optional<std::string> OVDataCache::welcomePage() const {
   return welcomePage_;
 }
 
+std::optional<std::string> OVDataCache::storedWelcomePage() const {
+  auto bytes = defaults_.dataForKey(kWelcomePageKey);
+  if (!bytes) return std::nullopt;
+  return std::string(bytes->begin(), bytes->end());
+}
+
 void OVDataCache::setWelcomePage(std::optional<std::string> page) {
   {
     support::MutexLock lock(mutex_);
     welcomePage_ = page;
   }
-  auto stored = defaults_.dataForKey(kWelcomePageKey);
-  if (stored && page && std::string(stored->begin(), stored->end()) == *page) return;
-  if (!page) return;
+  if (!page || storedWelcomePage() == page) return;
   defaults_.setData(kWelcomePageKey, platform::Bytes(page->begin(), page->end()));
   NotificationCenter::defaultCenter().post(kWelcomePageNotification);
 }

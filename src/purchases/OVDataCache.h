@@ -43,6 +43,9 @@ class OVDataCache {
   std::optional<std::string> paywallPage() const;
   void setPaywallPage(std::optional<std::string> page);
   std::optional<std::string> welcomePage() const;
+  // The page text stored under "VelQuinWelcomHtmlData" by an earlier
+  // answer (this run's or a previous one's); absent when none was stored.
+  std::optional<std::string> storedWelcomePage() const;
   // Stores the page; a text that differs from the stored one is written to
   // user defaults and announced with "VelQuinWelcomPageDateName".
   void setWelcomePage(std::optional<std::string> page);

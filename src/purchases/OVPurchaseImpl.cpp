@@ -510,16 +510,26 @@ void OVPurchaseImpl::loadPaywallToPurachase(PaywallCompletion completion) {
     return;
   }
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
+  fetchPaywallPage([weak, completion = std::move(completion)](std::optional<std::string> page,
+                                                              std::optional<Error>) mutable {
+    auto self = weak.lock();
+    if (self && page && !page->empty()) {
+      self->showPaywall(*page, std::move(completion));
+      return;
+    }
+    if (completion) completion(false, "Data error for re-request paywall");
+  });
+}
+
+void OVPurchaseImpl::fetchPaywallPage(PageCompletion completion) {
+  std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
   networkManager_->getAppConfig(
       [weak, completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
-                                                 std::optional<Error> error) mutable {
-        auto self = weak.lock();
-        if (self) self->handleAppConfig(reply ? &*reply : nullptr, error);
-        if (self && reply && !reply->paywall_page().empty()) {
-          self->showPaywall(reply->paywall_page(), std::move(completion));
-          return;
-        }
-        if (completion) completion(false, "Data error for re-request paywall");
+                                                 std::optional<Error> error) {
+        if (auto self = weak.lock()) self->handleAppConfig(reply ? &*reply : nullptr, error);
+        if (!completion) return;
+        if (reply && !error) return completion(reply->paywall_page(), std::nullopt);
+        completion(std::nullopt, std::move(error));
       });
 }
 

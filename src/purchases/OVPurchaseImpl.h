@@ -81,6 +81,10 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   void getPurchaseProductIds(ProductIdsCompletion completion);
   void getSkuDetails(const std::set<std::string>& productIds, SkuDetailsCompletion completion);
   void loadPaywallToPurachase(PaywallCompletion completion);
+  // GetAppConfig, handled as at start-up; the completion gets its paywall
+  // page (absent without a reply) and the error, once, on a gRPC thread.
+  using PageCompletion = std::function<void(std::optional<std::string>, std::optional<Error>)>;
+  void fetchPaywallPage(PageCompletion completion);
   void setPagePresenter(std::shared_ptr<PagePresenter> presenter);
   std::shared_ptr<PagePresenter> pagePresenter() const;
   void invalidateCache();
