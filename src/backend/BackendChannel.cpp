@@ -9,6 +9,8 @@
 #include <sstream>
 #include <thread>
 
+#include "support/OpenSslLifetime.h"
+
 namespace velquin {
 
 const std::string& systemRootCertificates() {
@@ -32,6 +34,8 @@ std::shared_ptr<grpc::Channel> backendChannel(const std::string& address,
   static auto* channels =  // guarded by mutex; lives for the process
       new std::map<std::pair<std::string, std::string>, std::shared_ptr<grpc::Channel>>();
   std::lock_guard lock(mutex);
+  // gRPC's threads outlive a host's main(); OpenSSL must outlive them.
+  support::keepOpenSslUntilExit();
   auto key = std::make_pair(address, extraRootCertificates);
   auto found = channels->find(key);
   if (found != channels->end()) return found->second;

@@ -2,6 +2,7 @@
 // what Init reports about the device, the order of the chain, and how bad
 // token files and failing calls are survived.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <fstream>
 #include <thread>
@@ -193,6 +194,31 @@ TEST_F(Startup, UserIdIsSharedByTwoProcesses) {
   EXPECT_EQ(second["tag"], "exp-a");
   EXPECT_EQ(second["appConfigHandled"], true);
   EXPECT_EQ(server->calls("Init").at(0).request.value("user_id", ""), first["userId"]);
+}
+
+// The SDK's gRPC threads outlive main(): a host returning while start-up's
+// calls connect must still exit cleanly, whatever moment it picks.
+TEST_F(Startup, AHostReturningFromMainMidStartUpExitsCleanly) {
+  writeWorkingTokenFile();
+  // The child's leak report would only list the SDK's singletons, which
+  // live for the process by design.
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  for (int micros = 0; micros <= 24000; micros += 2000) {
+    std::string command = "'";
+    command += (binDir() / "exiting_host").string();
+    command += "' '" + env.bundleDir().string() + "' " + std::to_string(micros) + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string output;
+    char buffer[4096];
+    while (fgets(buffer, sizeof buffer, pipe)) output += buffer;
+    int status = pclose(pipe);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "returned after " << micros << " us; "
+        << (WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status))
+                                : "status " + std::to_string(WEXITSTATUS(status)))
+        << "\n" << output;
+  }
 }
 
 }  // namespace
