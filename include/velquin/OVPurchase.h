@@ -51,6 +51,7 @@ enum class PurchaseErrorCode : std::int64_t {
   noReceipt = 101,        // no receipt file, and refreshing it gave none
   productNotFound = 102,  // the store knows none of the requested products
   invalidUserId = 103,    // a user id that is empty or not valid UTF-8
+  invalidText = 104,      // an argument (or JSON within one) that is not valid UTF-8
 };
 
 // Told when the store front starts a purchase of one of the app's products

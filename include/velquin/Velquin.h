@@ -10,7 +10,11 @@
 // unless an operation says otherwise. Every completion is called exactly
 // once, except that a purchase, fetch-receipt or restore completion that is
 // still waiting is dropped (never called) when the next call of the same
-// kind replaces it. No exception leaves the library.
+// kind replaces it. Text arguments must be valid UTF-8 (what the backend's
+// messages carry): a call given anything else sends nothing and calls its
+// completion at once, on the caller's thread, with a kVelquinErrorDomain
+// error (PurchaseErrorCode::invalidText, or invalidUserId for a user id).
+// No exception leaves the library.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,10 @@
 #include "velquin/Velquin.h"
 
+#include <glib.h>
+
+#include <initializer_list>
+#include <string_view>
+
 #include "AttributionRoot.pb.h"
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
@@ -17,6 +22,25 @@ namespace {
 
 GRPCserviceManager& network() {
   return OVPurchaseImpl::shared().networkManager();
+}
+
+// The backend's messages carry text as UTF-8 only: anything else is refused
+// at the door with an error naming the argument, instead of a call that
+// fails to serialise or, for JSON, goes out empty.
+std::optional<Error> refuseNonUtf8(
+    std::initializer_list<std::pair<const char*, std::string_view>> arguments) {
+  for (const auto& [name, text] : arguments) {
+    if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+      return Error{kVelquinErrorDomain, static_cast<std::int64_t>(PurchaseErrorCode::invalidText),
+                   std::string("The ") + name + " is not valid UTF-8 text."};
+    }
+  }
+  return std::nullopt;
+}
+
+Error unsendableJson(const char* name) {
+  return Error{kVelquinErrorDomain, static_cast<std::int64_t>(PurchaseErrorCode::invalidText),
+               std::string("The ") + name + " holds text that is not valid UTF-8."};
 }
 
 OVAttribution attributionFrom(const attribution::GetAttributionResponse& reply) {
@@ -110,6 +134,10 @@ void Velquin::uploadUserInfo(const std::optional<std::string>& userId,
 
 void Velquin::uploadDeviceInfo(const std::string& deviceToken,
                                std::function<void(bool, std::optional<Error>)> completion) {
+  if (auto refused = refuseNonUtf8({{"device token", deviceToken}})) {
+    if (completion) completion(false, std::move(refused));
+    return;
+  }
   log("purchases finish to uploadDeviceInfo");
   network().uploadDeviceToken(OVDeviceInfoManager::shared().deviceIdentifier(), deviceToken,
                               std::move(completion));
@@ -118,10 +146,16 @@ void Velquin::uploadDeviceInfo(const std::string& deviceToken,
 void Velquin::updateAttribution(const nlohmann::json& data, AttributionNetwork source,
                                 const std::optional<std::string>& networkUserId,
                                 AttributionCompletion completion) {
+  auto text = OVCFunctionToolHelper::DataTOjsonString(data);
+  auto refused = text ? refuseNonUtf8({{"network user id", networkUserId.value_or("")}})
+                      : unsendableJson("attribution data");
+  if (refused) {
+    if (completion) completion(std::nullopt, std::move(refused));
+    return;
+  }
   log("Geting updateAttribution data from server");
-  network().getAttribution(static_cast<std::uint32_t>(source),
-                           OVCFunctionToolHelper::DataTOjsonString(data).value_or(""),
-                           networkUserId, attributionReply(std::move(completion)));
+  network().getAttribution(static_cast<std::uint32_t>(source), *text, networkUserId,
+                           attributionReply(std::move(completion)));
 }
 
 void Velquin::updateCustomAttribution(const std::string& channel,
@@ -138,15 +172,24 @@ void Velquin::updateCustomAttribution(const std::string& channel,
       {"click_id", clickID.value_or("")},
       {"attributed", true},
   };
+  auto text = OVCFunctionToolHelper::DataTOjsonString(data);
+  if (!text) {
+    if (completion) completion(std::nullopt, unsendableJson("custom attribution"));
+    return;
+  }
   log("Geting updateAttribution data from server");
-  network().getAttribution(static_cast<std::uint32_t>(AttributionNetwork::custom),
-                           OVCFunctionToolHelper::DataTOjsonString(data).value_or(""), std::nullopt,
-                           attributionReply(std::move(completion)));
+  network().getAttribution(static_cast<std::uint32_t>(AttributionNetwork::custom), *text,
+                           std::nullopt, attributionReply(std::move(completion)));
 }
 
 void Velquin::createASignature(
     const std::string& productId, const std::string& offerId, const std::string& userid,
     std::function<void(std::optional<OVOfferSignatureDetail>, std::optional<Error>)> completion) {
+  if (auto refused =
+          refuseNonUtf8({{"product id", productId}, {"offer id", offerId}, {"user id", userid}})) {
+    if (completion) completion(std::nullopt, std::move(refused));
+    return;
+  }
   network().generatePromotionalOfferSignature(
       userid, productId, offerId,
       [completion = std::move(completion)](
@@ -168,6 +211,10 @@ std::string Velquin::uploadBigDataWithType(const std::string& eventName,
 void Velquin::getCurrencyRate(
     const std::string& currencyCode,
     std::function<void(std::optional<double>, std::optional<Error>)> completion) {
+  if (auto refused = refuseNonUtf8({{"currency code", currencyCode}})) {
+    if (completion) completion(std::nullopt, std::move(refused));
+    return;
+  }
   network().getCurrencyRate(
       currencyCode, [completion = std::move(completion)](std::optional<iap::CurrencyRate> reply,
                                                          std::optional<Error> error) {

@@ -151,8 +151,16 @@ void OVPurchaseImpl::uploadUserInfo(const std::optional<std::string>& userId,
     }
     return;
   }
-  auto attribute = OVCFunctionToolHelper::DataTOjsonString(extraAttribute).value_or("");
-  networkManager_->uploadUserInfo(userDataManager_->userId(), attribute, std::move(completion));
+  auto attribute = OVCFunctionToolHelper::DataTOjsonString(extraAttribute);
+  if (!attribute) {
+    if (completion) {
+      completion(false, Error{kVelquinErrorDomain,
+                              static_cast<std::int64_t>(PurchaseErrorCode::invalidText),
+                              "The extra attributes hold text that is not valid UTF-8."});
+    }
+    return;
+  }
+  networkManager_->uploadUserInfo(userDataManager_->userId(), *attribute, std::move(completion));
 }
 
 // ---------------------------------------------------------------------------

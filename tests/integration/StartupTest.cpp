@@ -196,6 +196,46 @@ TEST_F(Startup, UserIdIsSharedByTwoProcesses) {
   EXPECT_EQ(server->calls("Init").at(0).request.value("user_id", ""), first["userId"]);
 }
 
+TEST_F(Startup, TextThatIsNotUtf8IsRefusedBeforeAnythingIsSent) {
+  writeWorkingTokenFile();
+  const std::string bad = "\xff\xfe";
+  const std::vector<std::vector<std::string>> calls = {
+      {"currency-rate", bad},
+      {"device-token", bad},
+      {"offer-signature", "product", "offer", bad},
+      {"attribution", "3", "{}", "--network-user-id", bad},
+      {"custom-attribution", bad},
+  };
+  for (const auto& args : calls) {
+    int status = 0;
+    auto result = runHost(args, &status);
+    EXPECT_NE(status, 0) << args.front();
+    ASSERT_TRUE(result.is_object() && result.contains("error")) << args.front() << result.dump();
+    EXPECT_EQ(result["error"]["code"], 104) << result.dump();
+    EXPECT_NE(result["error"]["message"].get<std::string>().find("UTF-8"), std::string::npos);
+  }
+  // JSON values holding such text, which the command line's parser refuses
+  // before they reach the SDK.
+  auto& sdk = Velquin::shared();
+  std::optional<Error> attributionError, userInfoError;
+  sdk.updateAttribution({{"campaign", bad}}, AttributionNetwork::appleSearchAds, std::nullopt,
+                        [&](std::optional<OVAttribution>, std::optional<Error> error) {
+                          attributionError = error;
+                        });
+  sdk.uploadUserInfo(std::nullopt, {{"plan", bad}},
+                     [&](bool, std::optional<Error> error) { userInfoError = error; });
+  for (const auto& error : {attributionError, userInfoError}) {
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, static_cast<std::int64_t>(PurchaseErrorCode::invalidText));
+  }
+
+  for (const char* method : {"GetCurrencyRate", "UploadDeviceToken",
+                             "GeneratePromotionalOfferSignature", "GetAttribution",
+                             "UploadUserInfo"}) {
+    EXPECT_TRUE(server->calls(method).empty()) << method;
+  }
+}
+
 // The SDK's gRPC threads outlive main(): a host returning while start-up's
 // calls connect must still exit cleanly, whatever moment it picks.
 TEST_F(Startup, AHostReturningFromMainMidStartUpExitsCleanly) {
