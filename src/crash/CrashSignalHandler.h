@@ -28,31 +28,47 @@
 // without a report.
 //
 // What the handler calls, and why each is async-signal-safe:
-//   std::atomic<int>/<bool> load, store, compare_exchange (lock-free, checked
-//     by static_assert): the reentrancy guard and the suppression flag.
-//   syscall(SYS_gettid), getpid, syscall(SYS_tgkill): plain system calls.
-//   clock_gettime (POSIX async-signal-safe list): crash time and handler time.
-//   open, write, close, rename, unlink (POSIX list): the report file, written
-//     to a temporary name and renamed into place, so a reader never sees half
-//     a report; no fsync (the kernel keeps the data when the process dies; a
-//     power loss at that moment loses the report, which we accept to keep the
-//     handler fast).
+//   std::atomic<int>/<bool>/<pointer> load, store, compare_exchange
+//     (lock-free, checked by static_assert): the published state, the
+//     reentrancy guard and the suppression flag.
+//   syscall(SYS_gettid), syscall(SYS_tgkill), getpid: plain system calls
+//     (getpid is on the POSIX async-signal-safe list).
+//   clock_gettime (POSIX list): crash time and handler time.
+//   open, write, close, rename, unlink (POSIX list): the report is written to
+//     "<folder>/.crash-report-<pid>.tmp" and renamed to
+//     "<folder>/pending-crash-report", so a reader never sees half a report;
+//     a folder that cannot be written leaves nothing and the process still
+//     dies. No fsync: the kernel keeps the data when the process dies; a
+//     power loss at that moment loses the report, which we accept to keep
+//     the handler fast.
+//   memcpy, strlen, strcmp (pure functions on memory; on the POSIX list
+//     since its 2016 edition): copying into the handler's stack buffer.
 //   nanosleep (POSIX list): a second thread crashing while the first writes
 //     waits, at most two seconds, for the first to finish.
-//   sigaction, pthread_sigmask (POSIX list): restore the default action and
-//     unblock the signal before re-raising it.
-//   unw_init_local2 / unw_init_local, unw_getcontext, unw_get_reg, unw_step
-//     (libunwind documents its local unwinder as async-signal-safe: its memory
-//     comes from its own mmap-backed pools and its caches take their locks
-//     with signals blocked). On x86_64 it starts from the kernel's ucontext
+//   sigaction, sigemptyset, sigaddset, pthread_sigmask (POSIX list): restore
+//     the default action and unblock the signal before re-raising it.
+//   unw_init_local2 (x86_64) or unw_getcontext + unw_init_local +
+//     unw_is_signal_frame (elsewhere), unw_get_reg, unw_step: libunwind
+//     documents its local unwinder as async-signal-safe (memory from its own
+//     mmap-backed pools; its caches take their locks with signals blocked),
+//     and `enable` runs it once beforehand so its one-time set-up never
+//     happens in a handler. On x86_64 it starts from the kernel's ucontext
 //     with UNW_INIT_SIGNAL_FRAME, so the first frame is the faulting
-//     instruction. Caveat: libunwind finds unwind tables with dl_iterate_phdr,
-//     which takes the loader's recursive lock; a crash on the same thread
-//     inside the loader re-enters it, and another thread that holds it is
-//     loading a library and releases it.
+//     instruction. Caveat: libunwind finds unwind tables through
+//     dl_iterate_phdr, which takes the loader's recursive lock: a crash on
+//     the same thread inside the loader re-enters it; another thread holding
+//     it is loading a library and lets it go.
+//   Reads of `_r_debug` and its link_map list, of the HandlerState and of the
+//     ucontext and siginfo the kernel passed: plain memory reads.
 //   The previous handler (sa_sigaction or sa_handler), as its owner wrote it.
 // Nothing else: no allocation, no stdio, no locks, no C++ exceptions; all
 // numbers are encoded by hand into a buffer on the handler's stack.
+//
+// Order in the handler: write the report (unless suppressed), call the
+// previous handler, restore the default action and re-raise the signal with
+// tgkill, so the process ends by the same signal as it would have without us.
+// A fault inside the handler or inside the previous handler (the same thread
+// entering again) skips straight to the default action.
 #pragma once
 
 #include <string>

@@ -6,7 +6,7 @@
 // WAY: segv bus ill fpe abrt trap (one fatal signal each), thread (segv on a
 // second thread), overflow (stack overflow on the enabling thread), chain
 // MARKER (a handler installed before the engine writes MARKER), chain-crash
-// (that earlier handler faults itself), suppress (the suppression hook, then
+// (that earlier handler aborts, entering the engine's handler again), suppress (the suppression hook, then
 // abort), readonly (the folder turns read-only before the crash), two-threads
 // (two threads fault at the same moment), plugin LIBRARY (the crash happens
 // in a library loaded after enable).
@@ -125,7 +125,7 @@ void writeMarker(int) {
   }
 }
 
-void faultInsideHandler(int) { writeThroughBadPointer(); }
+void abortInsideHandler(int) { std::abort(); }
 
 void installEarlierHandler(void (*handler)(int)) {
   struct sigaction action = {};
@@ -167,7 +167,7 @@ int main(int argc, char** argv) {
     gMarkerPath = argument;
     installEarlierHandler(writeMarker);
   } else if (way == "chain-crash") {
-    installEarlierHandler(faultInsideHandler);
+    installEarlierHandler(abortInsideHandler);
   }
 
   auto config = velquin::crash::CrashEngineConfig::make(0, 2);
