@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "crash/CrashReportFormat.h"
+#include "support/Uuid.h"
 
 namespace velquin::crash {
 namespace {
@@ -62,6 +63,7 @@ struct HandlerState {
   std::string osRelease;
   std::string applicationId;
   std::string applicationVersion;
+  std::string incidentIdentifier;
   std::vector<SnapshotModule> modules;
   struct sigaction previous[kSignalCount] = {};
 };
@@ -310,6 +312,7 @@ void writeReport(const HandlerState& state, int signal, const siginfo_t* info, v
   out.text(format::kOsRelease, state.osRelease.data(), state.osRelease.size());
   out.text(format::kAppId, state.applicationId.data(), state.applicationId.size());
   out.text(format::kAppVersion, state.applicationVersion.data(), state.applicationVersion.size());
+  out.text(format::kIncident, state.incidentIdentifier.data(), state.incidentIdentifier.size());
 
   if (context != nullptr) {
     writeRegisters(out, context);
@@ -490,6 +493,7 @@ bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* er
   state->pendingPath = settings.reportDirectory + "/" + format::kPendingFileName;
   state->applicationId = settings.applicationId;
   state->applicationVersion = settings.applicationVersion;
+  state->incidentIdentifier = support::randomUuid();
   state->processName = program_invocation_short_name != nullptr ? program_invocation_short_name : "";
   utsname system = {};
   if (uname(&system) == 0) state->osRelease = system.release;

@@ -196,6 +196,17 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(CrashEngineTest, ReportsTheFaultAddressAndTheCodeOfTheFault) {
   ASSERT_EQ(runVictim({folder_.string(), "segv"}).signal, SIGSEGV);
+  // The report keeps its identifier however often it is formatted.
+  {
+    auto reader = engine();
+    EngineError error;
+    const auto parsed = reader->parseCrashReport(*reader->loadPendingCrashReportData(&error), &error);
+    ASSERT_TRUE(parsed) << error.description;
+    const std::string once = reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS);
+    const std::string twice = reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS);
+    ASSERT_EQ(once.rfind("Incident Identifier: ", 0), 0u) << once;
+    EXPECT_EQ(once.substr(0, once.find('\n')), twice.substr(0, twice.find('\n')));
+  }
   const auto delivered = deliver();
   ASSERT_TRUE(delivered);
   const std::string& text = delivered->text;
