@@ -1,11 +1,13 @@
 #include "crash/CrashEngine.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <system_error>
 
@@ -29,6 +31,7 @@ class LinuxCrashEngine final : public CrashEngine {
 
   bool enable(EngineError* error) override {
     try {
+      removeAbandonedTemporaryFiles();
       std::string why;
       const HandlerSettings settings{config_.reportDirectory.string(), config_.applicationId,
                                      config_.applicationVersion};
@@ -106,6 +109,26 @@ class LinuxCrashEngine final : public CrashEngine {
   }
 
  private:
+  // A process killed while its handler was writing leaves its temporary
+  // file behind; it is removed once that process is gone.
+  void removeAbandonedTemporaryFiles() const {
+    std::error_code ec;
+    const std::string prefix = format::kTempFilePrefix;
+    const std::string suffix = format::kTempFileSuffix;
+    for (const auto& entry : std::filesystem::directory_iterator(config_.reportDirectory, ec)) {
+      const std::string name = entry.path().filename().string();
+      if (name.size() <= prefix.size() + suffix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+          name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        continue;
+      }
+      const std::string digits = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+      pid_t pid = 0;
+      const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
+      if (failure != std::errc() || end != digits.data() + digits.size() || pid <= 0) continue;
+      if (::kill(pid, 0) != 0 && errno == ESRCH) std::filesystem::remove(entry.path(), ec);
+    }
+  }
+
   const CrashEngineConfig config_;
   const std::filesystem::path pendingPath_;
 };

@@ -36,7 +36,8 @@
 //   clock_gettime (POSIX list): crash time and handler time.
 //   open, write, close, rename, unlink (POSIX list): the report is written to
 //     "<folder>/.crash-report-<pid>.tmp" and renamed to
-//     "<folder>/pending-crash-report", so a reader never sees half a report;
+//     "<folder>/pending-crash-report" (replacing an older report still
+//     pending: the newest crash wins), so a reader never sees half a report;
 //     a folder that cannot be written leaves nothing and the process still
 //     dies. No fsync: the kernel keeps the data when the process dies; a
 //     power loss at that moment loses the report, which we accept to keep

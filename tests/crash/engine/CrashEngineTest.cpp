@@ -306,11 +306,18 @@ TEST_F(CrashEngineTest, ASecondFaultWhileWritingNeitherHangsNorLoops) {
 }
 
 TEST_F(CrashEngineTest, TheSuppressionHookWritesNothingButTheProcessStillDies) {
+  // Temporary files: one a process that no longer exists left behind (removed
+  // at enable), one of a process still running (kept).
+  fs::create_directories(folder_);
+  const std::string live = ".crash-report-" + std::to_string(getpid()) + ".tmp";
+  std::ofstream(folder_ / ".crash-report-2147483646.tmp") << "half a report";
+  std::ofstream(folder_ / live) << "being written";
+
   const Outcome outcome = runVictim({folder_.string(), "suppress"});
   ASSERT_TRUE(outcome.finished);
   EXPECT_EQ(outcome.signal, SIGABRT);
   EXPECT_FALSE(engine()->hasPendingCrashReport());
-  EXPECT_EQ(filesIn(folder_), std::vector<std::string>{});
+  EXPECT_EQ(filesIn(folder_), std::vector<std::string>{live});
 }
 
 TEST_F(CrashEngineTest, AReadOnlyFolderAtCrashTimeLeavesNoReportAndTheProcessStillDies) {
