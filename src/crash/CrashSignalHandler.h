@@ -18,14 +18,16 @@
 // in the middle of a change (`r_state` not RT_CONSISTENT) the snapshot is
 // written instead.
 //
-// Alternate stack: `enable` maps one alternate signal stack (256 KiB plus a
+// Alternate stack: `enable` maps an alternate signal stack (256 KiB plus a
 // guard page) for the enabling thread, unless that thread already has one of
 // at least 64 KiB. The handlers are installed with SA_ONSTACK, so a stack
 // overflow on the enabling thread is reported. Other threads have no
-// alternate stack unless their creator gave them one: a crash there runs the
-// handler on the thread's own stack and is reported; a stack overflow there
-// cannot run any handler, and the kernel kills the process with SIGSEGV
-// without a report.
+// alternate stack unless they call installAlternateSignalStackOnThisThread
+// (or their creator gave them one): without one, a crash there runs the
+// handler on the thread's own stack and is reported, but a stack overflow
+// cannot run any handler and the kernel kills the process with SIGSEGV
+// without a report. A thread cannot be given a stack from the handler itself,
+// and there is no hook that runs when any thread starts.
 //
 // What the handler calls, and why each is async-signal-safe:
 //   std::atomic<int>/<bool>/<pointer> load, store, compare_exchange
@@ -88,6 +90,12 @@ struct HandlerSettings {
 // process). False with `error` set when a handler or the alternate stack
 // cannot be installed.
 bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* error);
+
+// Gives the calling thread an alternate signal stack, so that a stack
+// overflow on it is reported too; unmapped when the thread ends. Does nothing
+// when the thread already has one of at least 64 KiB. Meant for long-lived
+// threads (the library's own, or a host's); any thread, any time.
+bool installAlternateSignalStackOnThisThread(std::string* error);
 
 // Makes the handler skip writing for the crash under way. Lock-free.
 void setSuppressCurrentCrash() noexcept;

@@ -238,7 +238,7 @@ TEST_F(CrashEngineTest, ReportsACrashOnAThreadOtherThanTheMainOne) {
   EXPECT_NE(frames.find("victim::crashOnWorkerThread()"), std::string::npos) << delivered->text;
 }
 
-TEST_F(CrashEngineTest, ReportsAStackOverflowOfTheEnablingThreadFromTheAlternateStack) {
+TEST_F(CrashEngineTest, ReportsAStackOverflowOnAThreadWithTheAlternateStack) {
   const Outcome outcome = runVictim({folder_.string(), "overflow"});
   ASSERT_TRUE(outcome.finished);
   EXPECT_EQ(outcome.signal, SIGSEGV);
@@ -247,6 +247,13 @@ TEST_F(CrashEngineTest, ReportsAStackOverflowOfTheEnablingThreadFromTheAlternate
   EXPECT_NE(framesOf(delivered->text).find("victim::overflowStack(int)"), std::string::npos) << delivered->text;
   // The unwinder stops at the frame limit instead of walking the whole stack.
   EXPECT_EQ(delivered->report.frames.size(), format::kMaxFrames);
+
+  // Another thread that asked for an alternate stack is covered too.
+  ASSERT_EQ(runVictim({folder_.string(), "thread-overflow"}).signal, SIGSEGV);
+  const auto onThread = deliver();
+  ASSERT_TRUE(onThread);
+  EXPECT_NE(onThread->report.threadId, static_cast<std::uint64_t>(onThread->report.pid));
+  EXPECT_NE(framesOf(onThread->text).find("victim::overflowStack(int)"), std::string::npos) << onThread->text;
 }
 
 TEST_F(CrashEngineTest, NamesALibraryLoadedAfterEnableAndItsSymbols) {

@@ -4,7 +4,8 @@
 //   crash_victim FOLDER WAY [ARGUMENT]
 //
 // WAY: segv bus ill fpe abrt trap (one fatal signal each), thread (segv on a
-// second thread), overflow (stack overflow on the enabling thread), chain
+// second thread), overflow (stack overflow on the enabling thread),
+// thread-overflow (on a second thread that installed an alternate stack), chain
 // MARKER (a handler installed before the engine writes MARKER), chain-crash
 // (that earlier handler aborts, entering the engine's handler again), suppress (the suppression hook, then
 // abort), readonly (the folder turns read-only before the crash), two-threads
@@ -30,6 +31,7 @@
 #include <thread>
 
 #include "crash/CrashEngine.h"
+#include "crash/CrashSignalHandler.h"
 
 namespace victim {
 
@@ -92,6 +94,11 @@ __attribute__((noinline)) int overflowStack(int depth) {
 }
 
 // The empty asm after each call keeps the caller's frame (no tail call).
+__attribute__((noinline)) void overflowOnWorkerThread() {
+  if (!velquin::crash::installAlternateSignalStackOnThisThread(nullptr)) std::abort();
+  std::printf("%d\n", overflowStack(0));
+}
+
 __attribute__((noinline)) void crashOnWorkerThread() {
   writeThroughBadPointer();
   asm volatile("" ::: "memory");
@@ -218,6 +225,7 @@ int main(int argc, char** argv) {
   if (way == "trap") hitBreakpoint();
   if (way == "overflow") std::printf("%d\n", overflowStack(0));
   if (way == "thread") std::thread(crashOnWorkerThread).join();
+  if (way == "thread-overflow") std::thread(overflowOnWorkerThread).join();
   if (way == "two-threads") {
     std::thread first(crashTogether);
     std::thread second(crashTogether);
