@@ -264,7 +264,9 @@ void writeModules(ReportWriter& out, const HandlerState& state) {
     }
   }
   if (written == 0) {
-    for (const SnapshotModule& m : state.modules) writeSnapshotModule(out, m);
+    for (std::size_t i = 0; i < state.modules.size() && i < format::kMaxModules; ++i) {
+      writeSnapshotModule(out, state.modules[i]);
+    }
   }
 }
 
