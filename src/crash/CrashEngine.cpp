@@ -52,32 +52,26 @@ class LinuxCrashEngine final : public CrashEngine {
   }
 
   std::optional<std::vector<std::byte>> loadPendingCrashReportData(EngineError* error) override {
-    const int fd = ::open(pendingPath_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    // Non-blocking, and only a regular file is read: something else in its
+    // place (a pipe, a device) must not stall the start.
+    const int fd = ::open(pendingPath_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) {
       setError(error, errno == ENOENT ? std::string("No crash report is pending.")
                                       : "The pending crash report cannot be opened: " +
                                             std::string(std::strerror(errno)) + ".");
       return std::nullopt;
     }
-    std::vector<std::byte> data;
-    std::byte chunk[16384];
-    for (;;) {
-      const ssize_t n = ::read(fd, chunk, sizeof chunk);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        const int readError = errno;
-        ::close(fd);
-        setError(error, "The pending crash report cannot be read: " + std::string(std::strerror(readError)) + ".");
-        return std::nullopt;
-      }
-      if (n == 0) break;
-      if (data.size() + static_cast<std::size_t>(n) > format::kMaxReportBytes) {
-        ::close(fd);
-        setError(error, "The pending crash report is larger than " + std::to_string(format::kMaxReportBytes) +
-                            " bytes.");
-        return std::nullopt;
-      }
-      data.insert(data.end(), chunk, chunk + n);
+    struct stat info = {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+      ::close(fd);
+      setError(error, "The pending crash report is not a regular file.");
+      return std::nullopt;
+    }
+    std::optional<std::vector<std::byte>> data;
+    try {
+      data = readAll(fd, error);
+    } catch (const std::exception& e) {
+      setError(error, std::string("The pending crash report cannot be read: ") + e.what() + ".");
     }
     ::close(fd);
     return data;
@@ -109,6 +103,26 @@ class LinuxCrashEngine final : public CrashEngine {
   }
 
  private:
+  static std::optional<std::vector<std::byte>> readAll(int fd, EngineError* error) {
+    std::vector<std::byte> data;
+    std::byte chunk[16384];
+    for (;;) {
+      const ssize_t n = ::read(fd, chunk, sizeof chunk);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        setError(error, "The pending crash report cannot be read: " + std::string(std::strerror(errno)) + ".");
+        return std::nullopt;
+      }
+      if (n == 0) return data;
+      if (data.size() + static_cast<std::size_t>(n) > format::kMaxReportBytes) {
+        setError(error, "The pending crash report is larger than " + std::to_string(format::kMaxReportBytes) +
+                            " bytes.");
+        return std::nullopt;
+      }
+      data.insert(data.end(), chunk, chunk + n);
+    }
+  }
+
   // A process killed while its handler was writing leaves its temporary
   // file behind; it is removed once that process is gone.
   void removeAbandonedTemporaryFiles() const {

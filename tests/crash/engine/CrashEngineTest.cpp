@@ -385,6 +385,13 @@ TEST_F(CrashEngineTest, DamagedReportsAreParseErrors) {
   EXPECT_TRUE(reader->purgePendingCrashReport());
   EXPECT_FALSE(reader->hasPendingCrashReport());
   EXPECT_FALSE(reader->loadPendingCrashReportData(&error));
+
+  // A pipe where the report belongs is no report and never blocks the reader.
+  ASSERT_EQ(mkfifo((folder_ / format::kPendingFileName).c_str(), 0600), 0);
+  EXPECT_FALSE(reader->hasPendingCrashReport());
+  EXPECT_FALSE(reader->loadPendingCrashReportData(&error));
+  EXPECT_NE(error.description.find("not a regular file"), std::string::npos) << error.description;
+  EXPECT_TRUE(reader->purgePendingCrashReport());
 }
 
 TEST_F(CrashEngineTest, ConfigurationAndCreation) {
