@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -194,8 +195,10 @@ INSTANTIATE_TEST_SUITE_P(
                       FatalSignalCase{"trap", SIGTRAP, "SIGTRAP", "victim::hitBreakpoint()"}),
     [](const ::testing::TestParamInfo<FatalSignalCase>& param) { return std::string(param.param.way); });
 
-TEST_F(CrashEngineTest, ReportsTheFaultAddressAndTheCodeOfTheFault) {
+TEST_F(CrashEngineTest, ReportsTheFaultAddressTheCodeAndTheTimeOfTheFault) {
+  const std::time_t before = std::time(nullptr);
   ASSERT_EQ(runVictim({folder_.string(), "segv"}).signal, SIGSEGV);
+  const std::time_t after = std::time(nullptr);
   // The report keeps its identifier however often it is formatted.
   {
     auto reader = engine();
@@ -209,6 +212,8 @@ TEST_F(CrashEngineTest, ReportsTheFaultAddressAndTheCodeOfTheFault) {
   }
   const auto delivered = deliver();
   ASSERT_TRUE(delivered);
+  EXPECT_GE(delivered->report.timeSeconds, before);
+  EXPECT_LE(delivered->report.timeSeconds, after);
   const std::string& text = delivered->text;
   EXPECT_NE(text.find("Exception Codes:     SEGV_MAPERR at 0x0000000000000001\n"), std::string::npos) << text;
   // The first frame is the faulting instruction itself, and the registers
