@@ -14,7 +14,7 @@ void SignalTest::signalTest() {
   // freed nor drop the store to address 1.
   char* volatile invalid = notFromTheHeap + 1;
   std::free(invalid);
-  int* volatile addressOne = reinterpret_cast<int*>(1);
+  volatile int* volatile addressOne = reinterpret_cast<volatile int*>(1);
   *addressOne = 1;
   std::abort();
 }

@@ -19,8 +19,10 @@ namespace velquin::cli {
 
 // Kept out of line and out of the anonymous namespace, so each shows under
 // its own name in a crash report.
+// Volatile all the way: the compiler may drop a plain store it can prove
+// is never read.
 [[gnu::noinline]] void crashHostSEGV() {
-  int* volatile target = nullptr;
+  volatile int* volatile target = nullptr;
   *target = 1;
 }
 
@@ -67,14 +69,15 @@ namespace velquin::cli {
   worker.join();
 }
 
-// The depth is read through a volatile, so the compiler can prove neither an
-// end nor an endless loop; each call keeps a frame of its own.
-volatile long recursionLimit = 1L << 40;
-[[gnu::noinline]] long crashHostStackOverflow(long depth) {
+// Each call hands its own frame to the next, so no call can reuse its
+// caller's frame; the end is read through a volatile, so the compiler can
+// prove neither an end nor an endless loop.
+volatile bool recursionEnds = false;
+[[gnu::noinline]] char crashHostStackOverflow(volatile char* caller) {
   volatile char frame[512];
-  frame[0] = static_cast<char>(depth);
-  if (depth >= recursionLimit) return frame[0];
-  return crashHostStackOverflow(depth + 1) + frame[0];
+  frame[0] = static_cast<char>(caller ? caller[0] + 1 : 0);
+  if (recursionEnds) return frame[0];
+  return static_cast<char>(crashHostStackOverflow(frame) + frame[0]);
 }
 
 [[gnu::noinline]] void throwStdException() {
@@ -147,7 +150,7 @@ Outcome crash(const Context& context, const std::vector<std::string>& words) {
   } else if (how == "thread") {
     crashHostOnThread();
   } else if (how == "stack-overflow") {
-    crashHostStackOverflow(0);
+    crashHostStackOverflow(nullptr);
   } else {
     SignalTest::signalTest();
   }
