@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,9 @@ class CrashRoad : public SandboxTest {
   void SetUp() override {
     SandboxTest::SetUp();
     writeWorkingTokenFile();
+    // The hosts crash on purpose: no core files.
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
   }
 
   // Runs the host over the test's bundle and waits for it to end.

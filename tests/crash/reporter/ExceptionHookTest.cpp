@@ -4,6 +4,7 @@
 // handler still running after the record is stored.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -61,6 +62,9 @@ class ExceptionHookTest : public ::testing::Test {
   void SetUp() override {
     // Forked children share this process's temporary folder.
     GTEST_FLAG_SET(death_test_style, "fast");
+    // The children abort on purpose: no core files.
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
     recordFile = env.root() / "record.txt";
   }
   TempEnvironment env;
