@@ -35,7 +35,7 @@ else()
   # static dependencies of curl itself (rtmp, ssh2, ldap, ...), which a link
   # against the shared libcurl does not need and Debian does not install.
   set(VELQUIN_PC_REQUIRES_PRIVATE
-    "grpc++ protobuf sqlite3 libcrypto gio-2.0 glib-2.0 libplist-2.0 uuid libsystemd libsecret-1 libunwind")
+    "grpc++ protobuf sqlite3 libcrypto gio-2.0 glib-2.0 libplist-2.0 uuid libsystemd libsecret-1 libunwind libdw")
   set(VELQUIN_PC_LIBS_PRIVATE "-lSQLiteCpp -lcurl -pthread")
   set(VELQUIN_PC_CFLAGS " -DVELQUIN_STATIC")
 endif()

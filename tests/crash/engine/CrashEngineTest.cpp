@@ -1,0 +1,403 @@
+// The crash report engine end to end: a child process (crash_victim) enables
+// the engine and really crashes; the test then loads, parses, formats and
+// purges the report it left, as the next start of an application would.
+#include <poll.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "crash/CrashEngine.h"
+#include "crash/CrashReport.h"
+#include "support/TempEnvironment.h"
+
+extern char** environ;
+
+namespace velquin::crash {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+  bool finished = false;  // false: still running after the time limit (killed)
+  bool killedBySignal = false;
+  int signal = 0;
+  int exitCode = 0;
+};
+
+// Runs crash_victim and waits for it, at most 60 s (a hang fails the test
+// instead of stalling the suite).
+Outcome runVictim(const std::vector<std::string>& arguments) {
+  const std::string program = (velquin::testing::binDir() / "crash_victim").string();
+  std::vector<char*> argv{const_cast<char*>(program.c_str())};
+  for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  Outcome outcome;
+  if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
+    ADD_FAILURE() << "cannot start " << program;
+    return outcome;
+  }
+  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd >= 0) {
+    pollfd exited{pidfd, POLLIN, 0};
+    const int ready = poll(&exited, 1, 60000);
+    close(pidfd);
+    if (ready != 1) {
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+      return outcome;
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  outcome.finished = true;
+  outcome.killedBySignal = WIFSIGNALED(status);
+  outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return outcome;
+}
+
+struct Delivered {
+  ParsedCrashReport report;
+  std::string text;
+  std::size_t bytes = 0;
+};
+
+std::string framesOf(const std::string& text) {
+  const auto begin = text.find("Thread 0 Crashed:\n");
+  if (begin == std::string::npos) return {};
+  return text.substr(begin, text.find("\n\n", begin) - begin);
+}
+
+std::vector<std::string> filesIn(const fs::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
+  return names;
+}
+
+class CrashEngineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "crash-engine-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    root_ = pattern;
+    folder_ = root_ / "reports";
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    fs::permissions(folder_, fs::perms::owner_all, ignored);
+    fs::remove_all(root_, ignored);
+  }
+
+  std::unique_ptr<CrashEngine> engine() {
+    auto config = CrashEngineConfig::make(CrashEngineConfig::kSignalHandlerTypeBSD,
+                                          CrashEngineConfig::kSymbolicationStrategyRuntime);
+    if (!config) return nullptr;
+    config->reportDirectory = folder_;
+    config->applicationId = "com.example.reader";
+    config->applicationVersion = "9.9";
+    return createCrashEngine(*config);
+  }
+
+  // Loads, parses, formats and purges the pending report, as a start does.
+  std::optional<Delivered> deliver() {
+    auto reader = engine();
+    if (!reader || !reader->hasPendingCrashReport()) {
+      ADD_FAILURE() << "no crash report is pending";
+      return std::nullopt;
+    }
+    EngineError error;
+    auto data = reader->loadPendingCrashReportData(&error);
+    if (!data) {
+      ADD_FAILURE() << error.description;
+      return std::nullopt;
+    }
+    auto parsed = reader->parseCrashReport(*data, &error);
+    if (!parsed) {
+      ADD_FAILURE() << error.description;
+      return std::nullopt;
+    }
+    Delivered delivered{*parsed, reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS), data->size()};
+    EXPECT_FALSE(delivered.text.empty());
+    EXPECT_TRUE(reader->purgePendingCrashReport());
+    EXPECT_FALSE(reader->hasPendingCrashReport());
+    return delivered;
+  }
+
+  static void printFigures(const std::string& what, const Delivered& delivered) {
+    std::printf("crash handler (%s): %.3f ms to write the report, %zu bytes\n", what.c_str(),
+                static_cast<double>(delivered.report.handlerNanoseconds.value_or(0)) / 1e6, delivered.bytes);
+  }
+
+  fs::path root_;
+  fs::path folder_;
+};
+
+struct FatalSignalCase {
+  const char* way;
+  int signal;
+  const char* exceptionType;
+  const char* crashingFunction;
+};
+
+class FatalSignalTest : public CrashEngineTest, public ::testing::WithParamInterface<FatalSignalCase> {};
+
+TEST_P(FatalSignalTest, TheProcessDiesByItsSignalAndTheNextStartReadsAReportNamingTheCrashingFunction) {
+  const FatalSignalCase& c = GetParam();
+  const Outcome outcome = runVictim({folder_.string(), c.way});
+  ASSERT_TRUE(outcome.finished) << "the crashing process hung";
+  ASSERT_TRUE(outcome.killedBySignal) << "exit code " << outcome.exitCode;
+  EXPECT_EQ(outcome.signal, c.signal);
+
+  const auto delivered = deliver();
+  ASSERT_TRUE(delivered);
+  const ParsedCrashReport& report = delivered->report;
+  EXPECT_EQ(report.signal, c.signal);
+  EXPECT_EQ(report.threadId, static_cast<std::uint64_t>(report.pid)) << "crashed on the main thread";
+  EXPECT_FALSE(report.frames.empty());
+
+  const std::string& text = delivered->text;
+  EXPECT_NE(text.find("Exception Type:      " + std::string(c.exceptionType) + "\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("Process:             crash_victim [" + std::to_string(report.pid) + "]\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("Identifier:          com.example.crashvictim\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("Version:             7.1\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("OS Version:          Linux "), std::string::npos) << text;
+  EXPECT_NE(framesOf(text).find(c.crashingFunction), std::string::npos) << text;
+  // The program's own image is listed with its build id.
+  EXPECT_NE(text.find(" crash_victim <"), std::string::npos) << text;
+  EXPECT_EQ(text.find(" crash_victim <no build id>"), std::string::npos) << text;
+  printFigures(c.way, *delivered);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachSignal, FatalSignalTest,
+    ::testing::Values(FatalSignalCase{"segv", SIGSEGV, "SIGSEGV", "victim::writeThroughBadPointer()"},
+                      FatalSignalCase{"bus", SIGBUS, "SIGBUS", "victim::readPastTruncatedFile()"},
+                      FatalSignalCase{"ill", SIGILL, "SIGILL", "victim::executeUndefinedInstruction()"},
+                      FatalSignalCase{"fpe", SIGFPE, "SIGFPE", "victim::divideByZero()"},
+                      FatalSignalCase{"abrt", SIGABRT, "SIGABRT", "victim::abortNow()"},
+                      FatalSignalCase{"trap", SIGTRAP, "SIGTRAP", "victim::hitBreakpoint()"}),
+    [](const ::testing::TestParamInfo<FatalSignalCase>& param) { return std::string(param.param.way); });
+
+TEST_F(CrashEngineTest, ReportsTheFaultAddressAndTheCodeOfTheFault) {
+  ASSERT_EQ(runVictim({folder_.string(), "segv"}).signal, SIGSEGV);
+  const auto delivered = deliver();
+  ASSERT_TRUE(delivered);
+  const std::string& text = delivered->text;
+  EXPECT_NE(text.find("Exception Codes:     SEGV_MAPERR at 0x0000000000000001\n"), std::string::npos) << text;
+  // The first frame is the faulting instruction itself, and the registers
+  // say where it is.
+  const std::string frames = framesOf(text);
+  const auto firstFrame = frames.substr(0, frames.find('\n', frames.find("\n0 ") + 1));
+  EXPECT_NE(firstFrame.find("victim::writeThroughBadPointer()"), std::string::npos) << text;
+#if defined(__x86_64__)
+  EXPECT_NE(text.find("Thread 0 crashed with X86-64 Thread State:"), std::string::npos) << text;
+  char rip[40];
+  std::snprintf(rip, sizeof rip, "rip: 0x%016llx", static_cast<unsigned long long>(delivered->report.frames[0]));
+  EXPECT_NE(text.find(rip), std::string::npos) << text;
+#endif
+  // A report is delivered once: after the purge nothing is pending.
+  EXPECT_FALSE(engine()->hasPendingCrashReport());
+}
+
+TEST_F(CrashEngineTest, ReportsACrashOnAThreadOtherThanTheMainOne) {
+  const Outcome outcome = runVictim({folder_.string(), "thread"});
+  ASSERT_TRUE(outcome.finished);
+  EXPECT_EQ(outcome.signal, SIGSEGV);
+  const auto delivered = deliver();
+  ASSERT_TRUE(delivered);
+  EXPECT_NE(delivered->report.threadId, static_cast<std::uint64_t>(delivered->report.pid));
+  const std::string frames = framesOf(delivered->text);
+  EXPECT_NE(frames.find("victim::writeThroughBadPointer()"), std::string::npos) << delivered->text;
+  EXPECT_NE(frames.find("victim::crashOnWorkerThread()"), std::string::npos) << delivered->text;
+}
+
+TEST_F(CrashEngineTest, ReportsAStackOverflowOfTheEnablingThreadFromTheAlternateStack) {
+  const Outcome outcome = runVictim({folder_.string(), "overflow"});
+  ASSERT_TRUE(outcome.finished);
+  EXPECT_EQ(outcome.signal, SIGSEGV);
+  const auto delivered = deliver();
+  ASSERT_TRUE(delivered);
+  EXPECT_NE(framesOf(delivered->text).find("victim::overflowStack(int)"), std::string::npos) << delivered->text;
+  // The unwinder stops at the frame limit instead of walking the whole stack.
+  EXPECT_EQ(delivered->report.frames.size(), format::kMaxFrames);
+}
+
+TEST_F(CrashEngineTest, NamesALibraryLoadedAfterEnableAndItsSymbols) {
+  const Outcome outcome = runVictim({folder_.string(), "plugin", CRASH_VICTIM_PLUGIN});
+  ASSERT_TRUE(outcome.finished);
+  ASSERT_EQ(outcome.signal, SIGSEGV) << "exit code " << outcome.exitCode;
+  const auto delivered = deliver();
+  ASSERT_TRUE(delivered);
+  const std::string plugin = fs::path(CRASH_VICTIM_PLUGIN).filename().string();
+  const std::string frames = framesOf(delivered->text);
+  const auto firstLine = frames.substr(0, frames.find('\n', frames.find("\n0 ") + 1));
+  EXPECT_NE(firstLine.find(plugin), std::string::npos) << delivered->text;
+  EXPECT_NE(firstLine.find("plugin::crashInsidePlugin()"), std::string::npos) << delivered->text;
+  // Its image line has an address range and the build id read from the file.
+  const auto image = delivered->text.find(" " + plugin + " <");
+  ASSERT_NE(image, std::string::npos) << delivered->text;
+  const auto lineStart = delivered->text.rfind('\n', image) + 1;
+  const std::string line = delivered->text.substr(lineStart, delivered->text.find('\n', image) - lineStart);
+  EXPECT_EQ(line.find("0x0000000000000000 - "), std::string::npos) << line;
+  EXPECT_EQ(line.find("<no build id>"), std::string::npos) << line;
+}
+
+TEST_F(CrashEngineTest, ChainsTheHandlerInstalledBeforeItAndStillDies) {
+  const fs::path marker = root_ / "earlier-handler-ran";
+  const Outcome outcome = runVictim({folder_.string(), "chain", marker.string()});
+  ASSERT_TRUE(outcome.finished);
+  EXPECT_EQ(outcome.signal, SIGSEGV);
+  ASSERT_TRUE(fs::exists(marker)) << "the earlier handler was not called";
+  const auto delivered = deliver();
+  ASSERT_TRUE(delivered);
+  // The earlier handler runs after the report is renamed into place: the
+  // time since the crash it wrote covers the whole report writing.
+  std::ifstream in(marker);
+  long long elapsed = 0;
+  in >> elapsed;
+  std::printf("crash handler: %.3f ms from the fault to the chained handler (report written and renamed)\n",
+              static_cast<double>(elapsed) / 1e6);
+}
+
+TEST_F(CrashEngineTest, ASecondFaultWhileWritingNeitherHangsNorLoops) {
+  // The earlier handler faults inside the handler chain.
+  Outcome outcome = runVictim({folder_.string(), "chain-crash"});
+  ASSERT_TRUE(outcome.finished) << "hung";
+  EXPECT_EQ(outcome.signal, SIGSEGV);
+  EXPECT_TRUE(deliver());
+  // Two threads fault at the same moment: one report, one death.
+  outcome = runVictim({folder_.string(), "two-threads"});
+  ASSERT_TRUE(outcome.finished) << "hung";
+  EXPECT_EQ(outcome.signal, SIGSEGV);
+  const auto delivered = deliver();
+  ASSERT_TRUE(delivered);
+  EXPECT_NE(framesOf(delivered->text).find("victim::crashTogether()"), std::string::npos) << delivered->text;
+  EXPECT_EQ(filesIn(folder_), std::vector<std::string>{});
+}
+
+TEST_F(CrashEngineTest, TheSuppressionHookWritesNothingButTheProcessStillDies) {
+  const Outcome outcome = runVictim({folder_.string(), "suppress"});
+  ASSERT_TRUE(outcome.finished);
+  EXPECT_EQ(outcome.signal, SIGABRT);
+  EXPECT_FALSE(engine()->hasPendingCrashReport());
+  EXPECT_EQ(filesIn(folder_), std::vector<std::string>{});
+}
+
+TEST_F(CrashEngineTest, AReadOnlyFolderAtCrashTimeLeavesNoReportAndTheProcessStillDies) {
+  const Outcome outcome = runVictim({folder_.string(), "readonly"});
+  ASSERT_TRUE(outcome.finished) << "hung";
+  EXPECT_EQ(outcome.signal, SIGSEGV) << "exit code " << outcome.exitCode;
+  EXPECT_FALSE(engine()->hasPendingCrashReport());
+  EXPECT_EQ(filesIn(folder_), std::vector<std::string>{});
+}
+
+TEST_F(CrashEngineTest, DamagedReportsAreParseErrors) {
+  ASSERT_EQ(runVictim({folder_.string(), "segv"}).signal, SIGSEGV);
+  auto reader = engine();
+  EngineError error;
+  const auto whole = reader->loadPendingCrashReportData(&error);
+  ASSERT_TRUE(whole) << error.description;
+  ASSERT_TRUE(reader->parseCrashReport(*whole, &error));
+
+  // Cut short anywhere.
+  for (std::size_t size = 0; size < whole->size(); ++size) {
+    std::vector<std::byte> cut(whole->begin(), whole->begin() + static_cast<std::ptrdiff_t>(size));
+    EngineError cutError;
+    ASSERT_EQ(reader->parseCrashReport(cut, &cutError), nullptr) << "accepted " << size << " bytes";
+    ASSERT_FALSE(cutError.description.empty());
+  }
+  const auto rejects = [&](std::vector<std::byte> bytes, const std::string& expected) {
+    EngineError e;
+    EXPECT_EQ(reader->parseCrashReport(bytes, &e), nullptr);
+    EXPECT_NE(e.description.find(expected), std::string::npos) << e.description;
+  };
+  auto changed = *whole;
+  changed[0] = std::byte{'X'};
+  rejects(changed, "wrong magic");
+  changed = *whole;
+  changed[8] = std::byte{2};
+  rejects(changed, "version 2");
+  changed = *whole;
+  changed.push_back(std::byte{0});
+  rejects(changed, "follows its end record");
+  std::vector<std::byte> garbage(4096);
+  for (std::size_t i = 0; i < garbage.size(); ++i) garbage[i] = std::byte(static_cast<unsigned char>(i * 131 + 7));
+  rejects(garbage, "wrong magic");
+  // A record length that runs past the end, right after a valid header.
+  std::vector<std::byte> header(whole->begin(), whole->begin() + 12);
+  const std::uint32_t hugeRecord[2] = {format::kFrame, 0xFFFFFFF0u};
+  const auto* raw = reinterpret_cast<const std::byte*>(hugeRecord);
+  header.insert(header.end(), raw, raw + sizeof hugeRecord);
+  rejects(header, "truncated");
+
+  // A garbage file where the report belongs: loaded, not parsed, purged.
+  ASSERT_TRUE(reader->purgePendingCrashReport());
+  std::ofstream(folder_ / format::kPendingFileName, std::ios::binary) << "not a crash report at all";
+  ASSERT_TRUE(reader->hasPendingCrashReport());
+  const auto bytes = reader->loadPendingCrashReportData(&error);
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(reader->parseCrashReport(*bytes, &error), nullptr);
+  EXPECT_NE(error.description.find("not a crash report"), std::string::npos) << error.description;
+  EXPECT_TRUE(reader->purgePendingCrashReport());
+  EXPECT_FALSE(reader->hasPendingCrashReport());
+  EXPECT_FALSE(reader->loadPendingCrashReportData(&error));
+}
+
+TEST_F(CrashEngineTest, ConfigurationAndCreation) {
+  EXPECT_FALSE(CrashEngineConfig::make(1, 2));
+  const auto config = CrashEngineConfig::make(0, 2);
+  ASSERT_TRUE(config);
+  EXPECT_EQ(config->symbolicationStrategy, 2);
+
+  // The folder is made when missing; a folder that cannot be made gives none.
+  auto made = *config;
+  made.reportDirectory = folder_ / "deeper" / "still";
+  EXPECT_NE(createCrashEngine(made), nullptr);
+  EXPECT_TRUE(fs::is_directory(made.reportDirectory));
+  std::ofstream(root_ / "plain-file") << "x";
+  auto blocked = *config;
+  blocked.reportDirectory = root_ / "plain-file" / "reports";
+  EXPECT_EQ(createCrashEngine(blocked), nullptr);
+  blocked.reportDirectory.clear();
+  EXPECT_EQ(createCrashEngine(blocked), nullptr);
+  // Nothing pending in a fresh folder; purging nothing is no failure.
+  auto fresh = engine();
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_FALSE(fresh->hasPendingCrashReport());
+  EXPECT_TRUE(fresh->purgePendingCrashReport());
+}
+
+TEST_F(CrashEngineTest, HandlerTimeAndReportSize) {
+  std::vector<double> milliseconds;
+  std::size_t bytes = 0;
+  for (int run = 0; run < 10; ++run) {
+    ASSERT_EQ(runVictim({folder_.string(), "segv"}).signal, SIGSEGV);
+    const auto delivered = deliver();
+    ASSERT_TRUE(delivered);
+    ASSERT_TRUE(delivered->report.handlerNanoseconds);
+    milliseconds.push_back(static_cast<double>(*delivered->report.handlerNanoseconds) / 1e6);
+    bytes = delivered->bytes;
+  }
+  std::sort(milliseconds.begin(), milliseconds.end());
+  std::printf("crash handler: write time median %.3f ms, max %.3f ms over %zu crashes; report %zu bytes\n",
+              milliseconds[milliseconds.size() / 2], milliseconds.back(), milliseconds.size(), bytes);
+}
+
+}  // namespace
+}  // namespace velquin::crash
