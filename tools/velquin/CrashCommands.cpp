@@ -64,8 +64,15 @@ namespace velquin::cli {
 #endif
 }
 
+// The worker thread's own function; the abort after the call keeps this
+// frame on the stack (the call is not in tail position).
+[[gnu::noinline]] void crashHostWorkerThread() {
+  crashHostSEGV();
+  std::abort();
+}
+
 [[gnu::noinline]] void crashHostOnThread() {
-  std::thread worker([] { crashHostSEGV(); });
+  std::thread worker(crashHostWorkerThread);
   worker.join();
 }
 

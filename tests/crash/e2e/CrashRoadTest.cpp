@@ -144,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
         Crash{"ABRT", {"--signal", "ABRT"}, SIGABRT, "fatal_crash", {"SIGABRT", "crashHostABRT"}},
         Crash{"TRAP", {"--signal", "TRAP"}, SIGTRAP, "fatal_crash", {"SIGTRAP", "crashHostTRAP"}},
         Crash{"Thread", {"--thread"}, SIGSEGV, "fatal_crash",
-              {"SIGSEGV", "crashHostSEGV", "crashHostOnThread"}},
+              {"SIGSEGV", "crashHostSEGV", "crashHostWorkerThread"}},
         Crash{"StackOverflow", {"--stack-overflow"}, SIGSEGV, "fatal_crash",
               {"SIGSEGV", "crashHostStackOverflow"}},
         Crash{"RuntimeError", {"--exception"}, SIGABRT, "falal_crash",
