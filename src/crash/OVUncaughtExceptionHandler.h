@@ -11,8 +11,9 @@
 //   NAME    Optional("std::runtime_error"): the demangled type of the
 //           exception (the mangled name when it cannot be demangled); nil
 //           when no exception is active;
-//   REASON  Optional("what() text") for a std::exception; nil for any other
-//           type (throw 42) and when no exception is active;
+//   REASON  Optional("what() text") for a std::exception (bytes that are not
+//           UTF-8 become U+FFFD); nil for any other type (throw 42) and when
+//           no exception is active;
 //   STACK   ["0   module  0xADDRESS  symbol + offset", "1   ..."]: the
 //           frames of the thread that called terminate, innermost first; nil
 //           when no exception is active.

@@ -21,7 +21,7 @@ namespace velquin::testing {
 
 // Out of line and named, so the record's stack can be checked for it.
 [[gnu::noinline]] void throwForTheHook(int kind) {
-  if (kind == 0) throw std::runtime_error("disk \"full\"\nretry");
+  if (kind == 0) throw std::runtime_error("disk \"full\"\nretry \xff");
   throw 42;
 }
 
@@ -76,7 +76,7 @@ TEST_F(ExceptionHookTest, AStdExceptionIsRecordedWithNameReasonAndStackThenAbort
   // The labels are crossed: the name follows the reason label.
   const std::string head =
       "Exception reason\uFF1AOptional(\"std::runtime_error\")\n"
-      " Exception name\uFF1AOptional(\"disk \\\"full\\\"\\nretry\")\n"
+      " Exception name\uFF1AOptional(\"disk \\\"full\\\"\\nretry \uFFFD\")\n"
       "Exception stack\uFF1A[\"0 ";
   EXPECT_EQ(record.substr(0, head.size()), head) << record;
   EXPECT_NE(record.find("velquin::testing::throwForTheHook(int) + "), std::string::npos) << record;
