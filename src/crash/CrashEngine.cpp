@@ -1,11 +1,13 @@
 #include "crash/CrashEngine.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <system_error>
 
@@ -29,6 +31,7 @@ class LinuxCrashEngine final : public CrashEngine {
 
   bool enable(EngineError* error) override {
     try {
+      removeAbandonedTemporaryFiles();
       std::string why;
       const HandlerSettings settings{config_.reportDirectory.string(), config_.applicationId,
                                      config_.applicationVersion};
@@ -49,32 +52,26 @@ class LinuxCrashEngine final : public CrashEngine {
   }
 
   std::optional<std::vector<std::byte>> loadPendingCrashReportData(EngineError* error) override {
-    const int fd = ::open(pendingPath_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    // Non-blocking, and only a regular file is read: something else in its
+    // place (a pipe, a device) must not stall the start.
+    const int fd = ::open(pendingPath_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) {
       setError(error, errno == ENOENT ? std::string("No crash report is pending.")
                                       : "The pending crash report cannot be opened: " +
                                             std::string(std::strerror(errno)) + ".");
       return std::nullopt;
     }
-    std::vector<std::byte> data;
-    std::byte chunk[16384];
-    for (;;) {
-      const ssize_t n = ::read(fd, chunk, sizeof chunk);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        const int readError = errno;
-        ::close(fd);
-        setError(error, "The pending crash report cannot be read: " + std::string(std::strerror(readError)) + ".");
-        return std::nullopt;
-      }
-      if (n == 0) break;
-      if (data.size() + static_cast<std::size_t>(n) > format::kMaxReportBytes) {
-        ::close(fd);
-        setError(error, "The pending crash report is larger than " + std::to_string(format::kMaxReportBytes) +
-                            " bytes.");
-        return std::nullopt;
-      }
-      data.insert(data.end(), chunk, chunk + n);
+    struct stat info = {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+      ::close(fd);
+      setError(error, "The pending crash report is not a regular file.");
+      return std::nullopt;
+    }
+    std::optional<std::vector<std::byte>> data;
+    try {
+      data = readAll(fd, error);
+    } catch (const std::exception& e) {
+      setError(error, std::string("The pending crash report cannot be read: ") + e.what() + ".");
     }
     ::close(fd);
     return data;
@@ -106,6 +103,46 @@ class LinuxCrashEngine final : public CrashEngine {
   }
 
  private:
+  static std::optional<std::vector<std::byte>> readAll(int fd, EngineError* error) {
+    std::vector<std::byte> data;
+    std::byte chunk[16384];
+    for (;;) {
+      const ssize_t n = ::read(fd, chunk, sizeof chunk);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        setError(error, "The pending crash report cannot be read: " + std::string(std::strerror(errno)) + ".");
+        return std::nullopt;
+      }
+      if (n == 0) return data;
+      if (data.size() + static_cast<std::size_t>(n) > format::kMaxReportBytes) {
+        setError(error, "The pending crash report is larger than " + std::to_string(format::kMaxReportBytes) +
+                            " bytes.");
+        return std::nullopt;
+      }
+      data.insert(data.end(), chunk, chunk + n);
+    }
+  }
+
+  // A process killed while its handler was writing leaves its temporary
+  // file behind; it is removed once that process is gone.
+  void removeAbandonedTemporaryFiles() const {
+    std::error_code ec;
+    const std::string prefix = format::kTempFilePrefix;
+    const std::string suffix = format::kTempFileSuffix;
+    for (const auto& entry : std::filesystem::directory_iterator(config_.reportDirectory, ec)) {
+      const std::string name = entry.path().filename().string();
+      if (name.size() <= prefix.size() + suffix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+          name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        continue;
+      }
+      const std::string digits = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+      pid_t pid = 0;
+      const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
+      if (failure != std::errc() || end != digits.data() + digits.size() || pid <= 0) continue;
+      if (::kill(pid, 0) != 0 && errno == ESRCH) std::filesystem::remove(entry.path(), ec);
+    }
+  }
+
   const CrashEngineConfig config_;
   const std::filesystem::path pendingPath_;
 };

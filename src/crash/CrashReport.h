@@ -39,6 +39,7 @@ class ParsedCrashReport {
   std::string osRelease;
   std::string applicationId;
   std::string applicationVersion;
+  std::string incidentIdentifier;
   format::RegisterSet registerSet = format::RegisterSet::none;
   std::vector<std::uint64_t> registers;
   std::vector<std::uint64_t> frames;

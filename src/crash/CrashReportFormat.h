@@ -24,6 +24,8 @@
 //   kModule      u64 load bias, u64 start, u64 end (0 and 0 when only known
 //                from the loader's list), u32 build id length (<= 64), the
 //                build id, then the path
+//   kIncident    the report's identifier (a UUID made at enable: a process
+//                crashes once)
 //   kHandlerTime u64 nanoseconds from the handler's entry to the last record
 //                handed to the kernel
 //   kEnd         empty, last
@@ -53,6 +55,7 @@ enum Tag : std::uint32_t {
   kFrame = 9,
   kModule = 10,
   kHandlerTime = 11,
+  kIncident = 12,
   kEnd = 0xFFFF,
 };
 

@@ -61,6 +61,7 @@ const char* tagName(std::uint32_t tag) {
     case format::kFrame: return "frame";
     case format::kModule: return "module";
     case format::kHandlerTime: return "handler time";
+    case format::kIncident: return "incident identifier";
     default: return "unknown";
   }
 }
@@ -112,6 +113,7 @@ std::optional<Failure> readRecord(std::uint32_t tag, Reader payload, ParsedCrash
     case format::kOsRelease: return readText(report.osRelease);
     case format::kAppId: return readText(report.applicationId);
     case format::kAppVersion: return readText(report.applicationVersion);
+    case format::kIncident: return readText(report.incidentIdentifier);
     case format::kRegisters: {
       std::uint32_t set = 0, count = 0;
       if (size < 8 || !payload.get(set) || !payload.get(count) || count > format::kMaxRegisters ||

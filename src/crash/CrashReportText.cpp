@@ -57,11 +57,15 @@ std::string baseName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-std::string demangle(const char* name) {
+// The readable name of a symbol: demangled, without a symbol version
+// ("__libc_start_main@@GLIBC_2.34").
+std::string readableSymbol(const char* symbol) {
+  std::string name(symbol);
+  if (const auto at = name.find('@'); at != std::string::npos && at > 0) name.resize(at);
   int status = 0;
-  std::unique_ptr<char, decltype(&std::free)> readable(abi::__cxa_demangle(name, nullptr, nullptr, &status),
+  std::unique_ptr<char, decltype(&std::free)> readable(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status),
                                                         &std::free);
-  return status == 0 && readable ? std::string(readable.get()) : std::string(name);
+  return status == 0 && readable ? std::string(readable.get()) : name;
 }
 
 std::string padded(std::string text, std::size_t width) {
@@ -141,7 +145,7 @@ std::string frameLine(std::size_t index, std::uint64_t address, Dwfl* dwfl,
     GElf_Off offset = 0;
     GElf_Sym symbol = {};
     if (const char* name = dwfl_module_addrinfo(module->file, lookup, &offset, &symbol, nullptr, nullptr, nullptr)) {
-      return line + " " + demangle(name) + " + " + std::to_string(offset + (address - lookup));
+      return line + " " + readableSymbol(name) + " + " + std::to_string(offset + (address - lookup));
     }
   }
   if (module != nullptr && module->start <= address) {
@@ -265,7 +269,8 @@ std::string formatCrashReportText(const ParsedCrashReport& report, const std::st
 
   const bool mainThread = report.threadId == static_cast<std::uint64_t>(report.pid);
   std::string text;
-  text += header("Incident Identifier", support::randomUuid());
+  text += header("Incident Identifier",
+                 report.incidentIdentifier.empty() ? support::randomUuid() : report.incidentIdentifier);
   text += header("Process", report.processName + " [" + std::to_string(report.pid) + "]");
   text += header("Identifier", report.applicationId.empty() ? fallbackApplicationId : report.applicationId);
   text += header("Version",

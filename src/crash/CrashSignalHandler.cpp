@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "crash/CrashReportFormat.h"
+#include "support/Uuid.h"
 
 namespace velquin::crash {
 namespace {
@@ -62,6 +63,7 @@ struct HandlerState {
   std::string osRelease;
   std::string applicationId;
   std::string applicationVersion;
+  std::string incidentIdentifier;
   std::vector<SnapshotModule> modules;
   struct sigaction previous[kSignalCount] = {};
 };
@@ -262,7 +264,9 @@ void writeModules(ReportWriter& out, const HandlerState& state) {
     }
   }
   if (written == 0) {
-    for (const SnapshotModule& m : state.modules) writeSnapshotModule(out, m);
+    for (std::size_t i = 0; i < state.modules.size() && i < format::kMaxModules; ++i) {
+      writeSnapshotModule(out, state.modules[i]);
+    }
   }
 }
 
@@ -310,6 +314,7 @@ void writeReport(const HandlerState& state, int signal, const siginfo_t* info, v
   out.text(format::kOsRelease, state.osRelease.data(), state.osRelease.size());
   out.text(format::kAppId, state.applicationId.data(), state.applicationId.size());
   out.text(format::kAppVersion, state.applicationVersion.data(), state.applicationVersion.size());
+  out.text(format::kIncident, state.incidentIdentifier.data(), state.incidentIdentifier.size());
 
   if (context != nullptr) {
     writeRegisters(out, context);
@@ -445,35 +450,65 @@ void warmUpUnwinder() {
   }
 }
 
-bool installAlternateStack(std::string* error) {
-  stack_t current = {};
-  if (sigaltstack(nullptr, &current) == 0 && (current.ss_flags & SS_DISABLE) == 0 &&
-      current.ss_size >= kMinUsableAltStackBytes) {
-    return true;  // the host's own alternate stack is big enough
+// The alternate stack a thread got from us, unmapped when the thread ends.
+// Owned by its thread (thread_local).
+class ThreadAlternateStack {
+ public:
+  ThreadAlternateStack() = default;
+  ThreadAlternateStack(const ThreadAlternateStack&) = delete;
+  ThreadAlternateStack& operator=(const ThreadAlternateStack&) = delete;
+  ~ThreadAlternateStack() {
+    if (memory_ == nullptr) return;
+    stack_t current = {};
+    if (sigaltstack(nullptr, &current) == 0 && current.ss_sp == static_cast<char*>(memory_) + guard_) {
+      stack_t off = {};
+      off.ss_flags = SS_DISABLE;
+      sigaltstack(&off, nullptr);
+    }
+    munmap(memory_, bytes_);
   }
-  const long page = sysconf(_SC_PAGESIZE);
-  const std::size_t guard = page > 0 ? static_cast<std::size_t>(page) : 4096;
-  std::size_t size = kAltStackBytes;
-  const long minimum = sysconf(_SC_SIGSTKSZ);
-  if (minimum > 0) size = std::max(size, static_cast<std::size_t>(minimum) * 4);
-  void* memory = mmap(nullptr, size + guard, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) {
-    *error = std::string("cannot map the alternate signal stack: ") + std::strerror(errno);
-    return false;
+
+  bool install(std::string* error) {
+    stack_t current = {};
+    if (sigaltstack(nullptr, &current) == 0 && (current.ss_flags & SS_DISABLE) == 0 &&
+        current.ss_size >= kMinUsableAltStackBytes) {
+      return true;  // this thread's alternate stack (ours or its owner's) is big enough
+    }
+    const long page = sysconf(_SC_PAGESIZE);
+    const std::size_t guard = page > 0 ? static_cast<std::size_t>(page) : 4096;
+    std::size_t size = kAltStackBytes;
+    const long minimum = sysconf(_SC_SIGSTKSZ);
+    if (minimum > 0) size = std::max(size, static_cast<std::size_t>(minimum) * 4);
+    void* memory = mmap(nullptr, size + guard, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+      *error = std::string("cannot map the alternate signal stack: ") + std::strerror(errno);
+      return false;
+    }
+    // The lowest page stays inaccessible: an overflow of the handler itself
+    // faults instead of writing over other memory.
+    mprotect(memory, guard, PROT_NONE);
+    stack_t stack = {};
+    stack.ss_sp = static_cast<char*>(memory) + guard;
+    stack.ss_size = size;
+    if (sigaltstack(&stack, nullptr) != 0) {
+      *error = std::string("cannot install the alternate signal stack: ") + std::strerror(errno);
+      munmap(memory, size + guard);
+      return false;
+    }
+    if (memory_ != nullptr) munmap(memory_, bytes_);  // replaced by a disabled or too small one
+    memory_ = memory;
+    bytes_ = size + guard;
+    guard_ = guard;
+    return true;
   }
-  // The lowest page stays inaccessible: an overflow of the handler itself
-  // faults instead of writing over other memory.
-  mprotect(memory, guard, PROT_NONE);
-  stack_t stack = {};
-  stack.ss_sp = static_cast<char*>(memory) + guard;
-  stack.ss_size = size;
-  if (sigaltstack(&stack, nullptr) != 0) {
-    *error = std::string("cannot install the alternate signal stack: ") + std::strerror(errno);
-    munmap(memory, size + guard);
-    return false;
-  }
-  return true;  // the stack stays for the life of the process
-}
+
+ private:
+  void* memory_ = nullptr;
+  std::size_t bytes_ = 0;
+  std::size_t guard_ = 0;
+};
+
+thread_local ThreadAlternateStack tAlternateStack;
 
 }  // namespace
 
@@ -490,6 +525,7 @@ bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* er
   state->pendingPath = settings.reportDirectory + "/" + format::kPendingFileName;
   state->applicationId = settings.applicationId;
   state->applicationVersion = settings.applicationVersion;
+  state->incidentIdentifier = support::randomUuid();
   state->processName = program_invocation_short_name != nullptr ? program_invocation_short_name : "";
   utsname system = {};
   if (uname(&system) == 0) state->osRelease = system.release;
@@ -499,7 +535,7 @@ bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* er
   dl_iterate_phdr(collectModule, &snapshot);
 
   warmUpUnwinder();
-  if (!installAlternateStack(error)) return false;
+  if (!tAlternateStack.install(error)) return false;
 
   HandlerState* published = state.release();  // lives for the process: handlers read it
   gState.store(published, std::memory_order_release);
@@ -517,6 +553,11 @@ bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* er
     }
   }
   return true;
+}
+
+bool installAlternateSignalStackOnThisThread(std::string* error) {
+  std::string ignored;
+  return tAlternateStack.install(error != nullptr ? error : &ignored);
 }
 
 void setSuppressCurrentCrash() noexcept { gSuppress.store(true); }

@@ -18,41 +18,60 @@
 // in the middle of a change (`r_state` not RT_CONSISTENT) the snapshot is
 // written instead.
 //
-// Alternate stack: `enable` maps one alternate signal stack (256 KiB plus a
+// Alternate stack: `enable` maps an alternate signal stack (256 KiB plus a
 // guard page) for the enabling thread, unless that thread already has one of
 // at least 64 KiB. The handlers are installed with SA_ONSTACK, so a stack
 // overflow on the enabling thread is reported. Other threads have no
-// alternate stack unless their creator gave them one: a crash there runs the
-// handler on the thread's own stack and is reported; a stack overflow there
-// cannot run any handler, and the kernel kills the process with SIGSEGV
-// without a report.
+// alternate stack unless they call installAlternateSignalStackOnThisThread
+// (or their creator gave them one): without one, a crash there runs the
+// handler on the thread's own stack and is reported, but a stack overflow
+// cannot run any handler and the kernel kills the process with SIGSEGV
+// without a report. A thread cannot be given a stack from the handler itself,
+// and there is no hook that runs when any thread starts.
 //
 // What the handler calls, and why each is async-signal-safe:
-//   std::atomic<int>/<bool> load, store, compare_exchange (lock-free, checked
-//     by static_assert): the reentrancy guard and the suppression flag.
-//   syscall(SYS_gettid), getpid, syscall(SYS_tgkill): plain system calls.
-//   clock_gettime (POSIX async-signal-safe list): crash time and handler time.
-//   open, write, close, rename, unlink (POSIX list): the report file, written
-//     to a temporary name and renamed into place, so a reader never sees half
-//     a report; no fsync (the kernel keeps the data when the process dies; a
-//     power loss at that moment loses the report, which we accept to keep the
-//     handler fast).
+//   std::atomic<int>/<bool>/<pointer> load, store, compare_exchange
+//     (lock-free, checked by static_assert): the published state, the
+//     reentrancy guard and the suppression flag.
+//   syscall(SYS_gettid), syscall(SYS_tgkill), getpid: plain system calls
+//     (getpid is on the POSIX async-signal-safe list).
+//   clock_gettime (POSIX list): crash time and handler time.
+//   open, write, close, rename, unlink (POSIX list): the report is written to
+//     "<folder>/.crash-report-<pid>.tmp" and renamed to
+//     "<folder>/pending-crash-report" (replacing an older report still
+//     pending: the newest crash wins), so a reader never sees half a report;
+//     a folder that cannot be written leaves nothing and the process still
+//     dies. No fsync: the kernel keeps the data when the process dies; a
+//     power loss at that moment loses the report, which we accept to keep
+//     the handler fast.
+//   memcpy, strlen, strcmp (pure functions on memory; on the POSIX list
+//     since its 2016 edition): copying into the handler's stack buffer.
 //   nanosleep (POSIX list): a second thread crashing while the first writes
 //     waits, at most two seconds, for the first to finish.
-//   sigaction, pthread_sigmask (POSIX list): restore the default action and
-//     unblock the signal before re-raising it.
-//   unw_init_local2 / unw_init_local, unw_getcontext, unw_get_reg, unw_step
-//     (libunwind documents its local unwinder as async-signal-safe: its memory
-//     comes from its own mmap-backed pools and its caches take their locks
-//     with signals blocked). On x86_64 it starts from the kernel's ucontext
+//   sigaction, sigemptyset, sigaddset, pthread_sigmask (POSIX list): restore
+//     the default action and unblock the signal before re-raising it.
+//   unw_init_local2 (x86_64) or unw_getcontext + unw_init_local +
+//     unw_is_signal_frame (elsewhere), unw_get_reg, unw_step: libunwind
+//     documents its local unwinder as async-signal-safe (memory from its own
+//     mmap-backed pools; its caches take their locks with signals blocked),
+//     and `enable` runs it once beforehand so its one-time set-up never
+//     happens in a handler. On x86_64 it starts from the kernel's ucontext
 //     with UNW_INIT_SIGNAL_FRAME, so the first frame is the faulting
-//     instruction. Caveat: libunwind finds unwind tables with dl_iterate_phdr,
-//     which takes the loader's recursive lock; a crash on the same thread
-//     inside the loader re-enters it, and another thread that holds it is
-//     loading a library and releases it.
+//     instruction. Caveat: libunwind finds unwind tables through
+//     dl_iterate_phdr, which takes the loader's recursive lock: a crash on
+//     the same thread inside the loader re-enters it; another thread holding
+//     it is loading a library and lets it go.
+//   Reads of `_r_debug` and its link_map list, of the HandlerState and of the
+//     ucontext and siginfo the kernel passed: plain memory reads.
 //   The previous handler (sa_sigaction or sa_handler), as its owner wrote it.
 // Nothing else: no allocation, no stdio, no locks, no C++ exceptions; all
 // numbers are encoded by hand into a buffer on the handler's stack.
+//
+// Order in the handler: write the report (unless suppressed), call the
+// previous handler, restore the default action and re-raise the signal with
+// tgkill, so the process ends by the same signal as it would have without us.
+// A fault inside the handler or inside the previous handler (the same thread
+// entering again) skips straight to the default action.
 #pragma once
 
 #include <string>
@@ -71,6 +90,12 @@ struct HandlerSettings {
 // process). False with `error` set when a handler or the alternate stack
 // cannot be installed.
 bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* error);
+
+// Gives the calling thread an alternate signal stack, so that a stack
+// overflow on it is reported too; unmapped when the thread ends. Does nothing
+// when the thread already has one of at least 64 KiB. Meant for long-lived
+// threads (the library's own, or a host's); any thread, any time.
+bool installAlternateSignalStackOnThisThread(std::string* error);
 
 // Makes the handler skip writing for the crash under way. Lock-free.
 void setSuppressCurrentCrash() noexcept;

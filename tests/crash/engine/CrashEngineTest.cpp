@@ -196,6 +196,17 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(CrashEngineTest, ReportsTheFaultAddressAndTheCodeOfTheFault) {
   ASSERT_EQ(runVictim({folder_.string(), "segv"}).signal, SIGSEGV);
+  // The report keeps its identifier however often it is formatted.
+  {
+    auto reader = engine();
+    EngineError error;
+    const auto parsed = reader->parseCrashReport(*reader->loadPendingCrashReportData(&error), &error);
+    ASSERT_TRUE(parsed) << error.description;
+    const std::string once = reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS);
+    const std::string twice = reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS);
+    ASSERT_EQ(once.rfind("Incident Identifier: ", 0), 0u) << once;
+    EXPECT_EQ(once.substr(0, once.find('\n')), twice.substr(0, twice.find('\n')));
+  }
   const auto delivered = deliver();
   ASSERT_TRUE(delivered);
   const std::string& text = delivered->text;
@@ -227,7 +238,7 @@ TEST_F(CrashEngineTest, ReportsACrashOnAThreadOtherThanTheMainOne) {
   EXPECT_NE(frames.find("victim::crashOnWorkerThread()"), std::string::npos) << delivered->text;
 }
 
-TEST_F(CrashEngineTest, ReportsAStackOverflowOfTheEnablingThreadFromTheAlternateStack) {
+TEST_F(CrashEngineTest, ReportsAStackOverflowOnAThreadWithTheAlternateStack) {
   const Outcome outcome = runVictim({folder_.string(), "overflow"});
   ASSERT_TRUE(outcome.finished);
   EXPECT_EQ(outcome.signal, SIGSEGV);
@@ -236,6 +247,13 @@ TEST_F(CrashEngineTest, ReportsAStackOverflowOfTheEnablingThreadFromTheAlternate
   EXPECT_NE(framesOf(delivered->text).find("victim::overflowStack(int)"), std::string::npos) << delivered->text;
   // The unwinder stops at the frame limit instead of walking the whole stack.
   EXPECT_EQ(delivered->report.frames.size(), format::kMaxFrames);
+
+  // Another thread that asked for an alternate stack is covered too.
+  ASSERT_EQ(runVictim({folder_.string(), "thread-overflow"}).signal, SIGSEGV);
+  const auto onThread = deliver();
+  ASSERT_TRUE(onThread);
+  EXPECT_NE(onThread->report.threadId, static_cast<std::uint64_t>(onThread->report.pid));
+  EXPECT_NE(framesOf(onThread->text).find("victim::overflowStack(int)"), std::string::npos) << onThread->text;
 }
 
 TEST_F(CrashEngineTest, NamesALibraryLoadedAfterEnableAndItsSymbols) {
@@ -276,11 +294,14 @@ TEST_F(CrashEngineTest, ChainsTheHandlerInstalledBeforeItAndStillDies) {
 }
 
 TEST_F(CrashEngineTest, ASecondFaultWhileWritingNeitherHangsNorLoops) {
-  // The earlier handler faults inside the handler chain.
+  // The chained earlier handler aborts: the handler is entered again on the
+  // same thread, writes nothing more and lets the abort end the process.
   Outcome outcome = runVictim({folder_.string(), "chain-crash"});
   ASSERT_TRUE(outcome.finished) << "hung";
-  EXPECT_EQ(outcome.signal, SIGSEGV);
-  EXPECT_TRUE(deliver());
+  EXPECT_EQ(outcome.signal, SIGABRT);
+  const auto first = deliver();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->report.signal, SIGSEGV) << "the report of the first fault was replaced";
   // Two threads fault at the same moment: one report, one death.
   outcome = runVictim({folder_.string(), "two-threads"});
   ASSERT_TRUE(outcome.finished) << "hung";
@@ -292,11 +313,18 @@ TEST_F(CrashEngineTest, ASecondFaultWhileWritingNeitherHangsNorLoops) {
 }
 
 TEST_F(CrashEngineTest, TheSuppressionHookWritesNothingButTheProcessStillDies) {
+  // Temporary files: one a process that no longer exists left behind (removed
+  // at enable), one of a process still running (kept).
+  fs::create_directories(folder_);
+  const std::string live = ".crash-report-" + std::to_string(getpid()) + ".tmp";
+  std::ofstream(folder_ / ".crash-report-2147483646.tmp") << "half a report";
+  std::ofstream(folder_ / live) << "being written";
+
   const Outcome outcome = runVictim({folder_.string(), "suppress"});
   ASSERT_TRUE(outcome.finished);
   EXPECT_EQ(outcome.signal, SIGABRT);
   EXPECT_FALSE(engine()->hasPendingCrashReport());
-  EXPECT_EQ(filesIn(folder_), std::vector<std::string>{});
+  EXPECT_EQ(filesIn(folder_), std::vector<std::string>{live});
 }
 
 TEST_F(CrashEngineTest, AReadOnlyFolderAtCrashTimeLeavesNoReportAndTheProcessStillDies) {
@@ -357,6 +385,13 @@ TEST_F(CrashEngineTest, DamagedReportsAreParseErrors) {
   EXPECT_TRUE(reader->purgePendingCrashReport());
   EXPECT_FALSE(reader->hasPendingCrashReport());
   EXPECT_FALSE(reader->loadPendingCrashReportData(&error));
+
+  // A pipe where the report belongs is no report and never blocks the reader.
+  ASSERT_EQ(mkfifo((folder_ / format::kPendingFileName).c_str(), 0600), 0);
+  EXPECT_FALSE(reader->hasPendingCrashReport());
+  EXPECT_FALSE(reader->loadPendingCrashReportData(&error));
+  EXPECT_NE(error.description.find("not a regular file"), std::string::npos) << error.description;
+  EXPECT_TRUE(reader->purgePendingCrashReport());
 }
 
 TEST_F(CrashEngineTest, ConfigurationAndCreation) {

@@ -4,12 +4,14 @@
 //   crash_victim FOLDER WAY [ARGUMENT]
 //
 // WAY: segv bus ill fpe abrt trap (one fatal signal each), thread (segv on a
-// second thread), overflow (stack overflow on the enabling thread), chain
+// second thread), overflow (stack overflow on the enabling thread),
+// thread-overflow (on a second thread that installed an alternate stack), chain
 // MARKER (a handler installed before the engine writes MARKER), chain-crash
-// (that earlier handler faults itself), suppress (the suppression hook, then
+// (that earlier handler aborts, entering the engine's handler again), suppress (the suppression hook, then
 // abort), readonly (the folder turns read-only before the crash), two-threads
 // (two threads fault at the same moment), plugin LIBRARY (the crash happens
-// in a library loaded after enable).
+// in a library loaded after enable), show (prints the pending report as
+// text, leaving it pending; crashes nothing).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -29,6 +31,7 @@
 #include <thread>
 
 #include "crash/CrashEngine.h"
+#include "crash/CrashSignalHandler.h"
 
 namespace victim {
 
@@ -91,6 +94,11 @@ __attribute__((noinline)) int overflowStack(int depth) {
 }
 
 // The empty asm after each call keeps the caller's frame (no tail call).
+__attribute__((noinline)) void overflowOnWorkerThread() {
+  if (!velquin::crash::installAlternateSignalStackOnThisThread(nullptr)) std::abort();
+  std::printf("%d\n", overflowStack(0));
+}
+
 __attribute__((noinline)) void crashOnWorkerThread() {
   writeThroughBadPointer();
   asm volatile("" ::: "memory");
@@ -125,7 +133,7 @@ void writeMarker(int) {
   }
 }
 
-void faultInsideHandler(int) { writeThroughBadPointer(); }
+void abortInsideHandler(int) { std::abort(); }
 
 void installEarlierHandler(void (*handler)(int)) {
   struct sigaction action = {};
@@ -163,11 +171,25 @@ int main(int argc, char** argv) {
   const rlimit noCore = {0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
 
+  if (way == "show") {
+    auto config = velquin::crash::CrashEngineConfig::make(0, 2);
+    config->reportDirectory = folder;
+    auto reader = velquin::crash::createCrashEngine(*config);
+    velquin::crash::EngineError error;
+    auto data = reader ? reader->loadPendingCrashReportData(&error) : std::nullopt;
+    auto report = data ? reader->parseCrashReport(*data, &error) : nullptr;
+    if (!report) {
+      std::fprintf(stderr, "crash_victim: %s\n", error.description.c_str());
+      return 8;
+    }
+    std::fputs(reader->formatCrashReport(*report, velquin::crash::kCrashReportTextFormatiOS).c_str(), stdout);
+    return 0;
+  }
   if (way == "chain" && argument != nullptr) {
     gMarkerPath = argument;
     installEarlierHandler(writeMarker);
   } else if (way == "chain-crash") {
-    installEarlierHandler(faultInsideHandler);
+    installEarlierHandler(abortInsideHandler);
   }
 
   auto config = velquin::crash::CrashEngineConfig::make(0, 2);
@@ -203,6 +225,7 @@ int main(int argc, char** argv) {
   if (way == "trap") hitBreakpoint();
   if (way == "overflow") std::printf("%d\n", overflowStack(0));
   if (way == "thread") std::thread(crashOnWorkerThread).join();
+  if (way == "thread-overflow") std::thread(overflowOnWorkerThread).join();
   if (way == "two-threads") {
     std::thread first(crashTogether);
     std::thread second(crashTogether);
