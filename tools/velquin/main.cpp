@@ -2,11 +2,9 @@
 // JSON object as the last line of standard output.
 //
 //   velquin --bundle DIR [--store-config FILE] [--log] [--timeout SECONDS] COMMAND [ARGS...]
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 
 #include "Cli.h"
@@ -63,23 +61,9 @@ bool sdkStarted = false;
   _exit(status);
 }
 
-// A stack overflow can only be reported from an alternate signal stack, and
-// the SDK's crash capture gives one only to the thread that arms it (one of
-// its own). A host gives its own threads theirs: here the main thread.
-void giveMainThreadAnAlternateSignalStack() {
-  constexpr std::size_t kBytes = 256 * 1024;
-  static void* memory = std::malloc(kBytes);  // kept for the process
-  if (!memory) return;
-  stack_t stack{};
-  stack.ss_sp = memory;
-  stack.ss_size = kBytes;
-  sigaltstack(&stack, nullptr);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  giveMainThreadAnAlternateSignalStack();
   auto commands = allCommands();
   std::vector<std::string> words(argv + 1, argv + argc);
   velquin::cli::Context context;
