@@ -257,6 +257,31 @@ int printProducts(const Database& database, const Arguments& args) {
   return 0;
 }
 
+// An event value in the listing: its first line after the other columns,
+// then up to five more lines indented (a crash report is long), each cut at
+// 160 characters.
+void printValueHead(const std::string& value) {
+  constexpr std::size_t kLines = 6;
+  constexpr std::size_t kWidth = 160;
+  std::size_t start = 0;
+  std::size_t shown = 0;
+  while (start <= value.size()) {
+    std::size_t end = value.find('\n', start);
+    if (end == std::string::npos) end = value.size();
+    if (shown == kLines) {
+      std::size_t rest = 1;
+      for (std::size_t i = start; i < value.size(); ++i) rest += value[i] == '\n';
+      std::cout << "    ... (" << rest << " more lines)\n";
+      return;
+    }
+    std::string line = value.substr(start, std::min(end - start, kWidth));
+    if (end - start > kWidth) line += " ...";
+    std::cout << (shown == 0 ? "" : "    ") << line << '\n';
+    ++shown;
+    start = end + 1;
+  }
+}
+
 int printSubscriber(const Database& database, const Arguments& args) {
   std::string error;
   auto config = velquin::sandbox::loadConfig(args.options.configFile, &error);
@@ -345,7 +370,8 @@ int printRecorded(const Arguments& args) {
       std::cout << events.size() << " events\n";
       for (const auto& e : events) {
         std::cout << e.timestamp << '\t' << e.name << '\t' << e.userId << '\t'
-                  << (e.requestId.empty() ? "-" : e.requestId) << '\t' << e.value << '\n';
+                  << (e.requestId.empty() ? "-" : e.requestId) << '\t';
+        printValueHead(e.value);
       }
     }
   } else {

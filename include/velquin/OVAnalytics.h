@@ -117,7 +117,10 @@ class VELQUIN_EXPORT OVAnalytics {
                                      FailureBlock failure = nullptr);
 
   // Start-up hook: reads "access_token" from the token file and, when there
-  // is one, hands it to the event client and, 5 s later on the main queue,
+  // is one, arms crash capture (once per process: the uncaught-exception
+  // hook and the crash engine; a crash report the previous run left is sent
+  // as one "fatal_crash" event carrying the report's text), hands the key to
+  // the event client and, 5 s later on the main queue,
   // uploads what the cache holds, sends "ev_first_open" (first start of the
   // app) or "ev_app_start", and starts the 60-second re-send timer.
   void registerBigDataWitInfoPlist();
@@ -129,8 +132,8 @@ class VELQUIN_EXPORT OVAnalytics {
 
   // Rows in the local event cache; with an id, the rows carrying it.
   std::int64_t cachedEventCount(const std::optional<std::string>& requestId = std::nullopt);
-  // True once start-up has handed the app key to the event client; before
-  // that, events wait in the cache.
+  // True once start-up has handed the app key to the event client (crash
+  // capture is armed by then); before that, events wait in the cache.
   bool canSendEvents() const;
   // Queues every cached event for sending now, as the 60-second timer does.
   void uploadCachedEvents();

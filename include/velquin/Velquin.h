@@ -48,7 +48,9 @@ class VELQUIN_EXPORT Velquin {
   OVAnalytics& analytics() { return *analytics_; }
 
   // Start-up from the bundle's token file: Init, analytics, GetSubscriber,
-  // GetAppConfig. Repeating it repeats the whole chain.
+  // GetAppConfig. Repeating it repeats the whole chain. The calling thread
+  // gets an alternate signal stack (unless it has one), so that a stack
+  // overflow on it leaves a crash report.
   void configure();
   // The "[OrventPurchase]" log lines. May be called before shared(), so
   // that the lines of the SDK's creation show too.

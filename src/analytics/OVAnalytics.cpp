@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <vector>
 
 #include "analytics/OVDeviceInfoManager.h"
 #include "analytics/OVDeviceInfoManagerHelper.h"
 #include "backend/AppToken.h"
+#include "crash/CrashReporter.h"
+#include "crash/OVUncaughtExceptionHandler.h"
 #include "delivery/EventEnvelope.h"
 #include "delivery/OVRequestCache.h"
 #include "delivery/OVRequestManager.h"
@@ -70,6 +73,59 @@ std::optional<std::string> checkEventInput(const std::optional<std::string>& nam
            " an event may carry";
   }
   return std::nullopt;
+}
+
+// Stores one event (name and value text as they are) in the cache and hands
+// it to the request manager.
+OVEventReceipt submitEvent(const std::optional<std::string>& name,
+                           std::optional<std::string> valueText,
+                           OVRequestManager::SuccessBlock success,
+                           OVAnalytics::FailureBlock failure) {
+  OVEventReceipt receipt;
+  // The cache first: opening it moves the request counter past the ids of
+  // rows an earlier run left behind.
+  OVRequestCache::shared();
+  auto& deviceInfo = OVDeviceInfoManager::shared();
+  auto request = makeEventEnvelope(
+      {name, std::move(valueText), deviceInfo.userId(), deviceInfo.nextRequestNumber()});
+  receipt.requestId = request->requestIdText();
+  // Stored before it is sent: from here on the event survives anything.
+  receipt.stored =
+      OVRequestManager::shared().submit(std::move(request), std::move(success), std::move(failure));
+  return receipt;
+}
+
+// The uncaught-exception hook's record: a "falal_crash" row in the cache,
+// sent at the next start. Runs on the dying thread.
+void writeExceptionRecord(const std::string& record) noexcept {
+  try {
+    auto& cache = OVRequestCache::shared();
+    auto& deviceInfo = OVDeviceInfoManager::shared();
+    cache.writeFatalCrash(record, deviceInfo.userId(), deviceInfo.nextRequestNumber());
+  } catch (...) {  // the process is ending either way
+  }
+}
+
+// Installs the uncaught-exception hook and arms the crash engine; a report
+// the previous run left becomes one "fatal_crash" event whose value is the
+// report's text. True when such an event was stored.
+bool armCrashCapture() {
+  OVUncaughtExceptionHandler::install(&writeExceptionRecord);
+  bool delivered = false;
+  CrashReporter().startCrashReporter(
+      [&delivered](const std::optional<std::string>& text, const std::optional<Error>&) {
+        if (!text) return;  // unreadable: printed and purged by the reporter
+        // Protocol-buffer text must be UTF-8: stray bytes (a symbol from a
+        // damaged binary) become U+FFFD rather than costing the report.
+        const std::string value =
+            nlohmann::json::parse(nlohmann::json(*text).dump(-1, ' ', false,
+                                                             nlohmann::json::error_handler_t::replace))
+                .get<std::string>();
+        delivered =
+            submitEvent(std::string(eventName(EventType::fatalCrash)), value, nullptr, nullptr)
+                .stored;
+      });
+  return delivered;
 }
 
 }  // namespace
@@ -141,24 +197,23 @@ OVEventReceipt OVAnalytics::recordEvent(const std::optional<std::string>& name,
     if (failure) failure(*receipt.refused);
     return receipt;
   }
-  // The cache first: opening it moves the request counter past the ids of
-  // rows an earlier run left behind.
-  OVRequestCache::shared();
-  auto& deviceInfo = OVDeviceInfoManager::shared();
-  auto request = makeEventEnvelope(
-      {name, std::move(valueText), deviceInfo.userId(), deviceInfo.nextRequestNumber()});
-  receipt.requestId = request->requestIdText();
-  // Stored before it is sent: from here on the event survives anything.
-  receipt.stored = OVRequestManager::shared().submit(
-      std::move(request), adaptSuccess(std::move(success)), std::move(failure));
-  return receipt;
+  return submitEvent(name, std::move(valueText), adaptSuccess(std::move(success)),
+                     std::move(failure));
 }
 
 void OVAnalytics::registerBigDataWitInfoPlist() {
   auto token = AppToken::load(Bundle::main()).accessToken;
   if (!token) return;
   OVDeviceInfoManager::shared().setAppKey(*token);
+  // Crash capture is armed before the event client gets the key, so once
+  // canSendEvents() is true crashes are captured and the previous run's
+  // report is in the cache. Once per process, however often start-up runs.
+  static std::once_flag crashCaptureArmed;
+  bool crashReportStored = false;
+  std::call_once(crashCaptureArmed, [&] { crashReportStored = armCrashCapture(); });
   OVDeviceInfoManagerHelper::sharedManager().setNewAppKey(*token);
+  // A crash report goes out now, not with the deferred start's upload.
+  if (crashReportStored) OVRequestManager::shared().uploadCacheData();
   MainQueue::shared().after(std::chrono::milliseconds(5000), [this] { runDeferredStart(); });
 }
 

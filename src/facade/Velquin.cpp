@@ -8,6 +8,7 @@
 #include "AttributionRoot.pb.h"
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
+#include "crash/CrashSignalHandler.h"
 #include "facade/CompositionRoot.h"
 #include "notifications/OVNotificationUtil.h"
 #include "purchases/OVDataCache.h"
@@ -87,6 +88,10 @@ OVPurchase& OVPurchase::shared() {
 }
 
 void Velquin::configure() {
+  // Crash capture is armed later, on a thread of the SDK's; the thread that
+  // starts the SDK (the host's main thread, as a rule) gets an alternate
+  // signal stack now, so that its stack overflows are reported too.
+  crash::installAlternateSignalStackOnThisThread(nullptr);
   purchases_->configureInitSDKWithVelQuinPlist();
 }
 

@@ -88,6 +88,7 @@ std::vector<Command> spineCommands();
 std::vector<Command> eventCommands();
 std::vector<Command> purchaseCommands();
 std::vector<Command> notifyCommands();
+std::vector<Command> crashCommands();
 
 // Strict numbers: the whole word must be the number, nothing before or
 // after it. A count is decimal digits only (no sign); seconds are a finite,

@@ -21,7 +21,7 @@ std::vector<Command> allCommands() {
   std::vector<Command> commands;
   for (auto area :
        {velquin::cli::spineCommands, velquin::cli::eventCommands, velquin::cli::purchaseCommands,
-        velquin::cli::notifyCommands}) {
+        velquin::cli::notifyCommands, velquin::cli::crashCommands}) {
     auto more = area();
     commands.insert(commands.end(), more.begin(), more.end());
   }
