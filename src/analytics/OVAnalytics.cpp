@@ -15,6 +15,7 @@
 #include "delivery/OVRequestManager.h"
 #include "platform/Env.h"
 #include "support/Console.h"
+#include "support/Utf8.h"
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
 
@@ -117,10 +118,7 @@ bool armCrashCapture() {
         if (!text) return;  // unreadable: printed and purged by the reporter
         // Protocol-buffer text must be UTF-8: stray bytes (a symbol from a
         // damaged binary) become U+FFFD rather than costing the report.
-        const std::string value =
-            nlohmann::json::parse(nlohmann::json(*text).dump(-1, ' ', false,
-                                                             nlohmann::json::error_handler_t::replace))
-                .get<std::string>();
+        const std::string value = support::makeValidUtf8(*text);
         delivered =
             submitEvent(std::string(eventName(EventType::fatalCrash)), value, nullptr, nullptr)
                 .stored;

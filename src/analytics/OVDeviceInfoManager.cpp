@@ -1,6 +1,5 @@
 #include "analytics/OVDeviceInfoManager.h"
 
-#include <glib.h>
 
 #include <curl/curl.h>
 
@@ -13,6 +12,7 @@
 #include "platform/Env.h"
 #include "support/Console.h"
 #include "support/OVUtils.h"
+#include "support/Utf8.h"
 #include "velquin/Bundle.h"
 
 namespace velquin {
@@ -222,7 +222,7 @@ std::string OVDeviceInfoManager::userId() const {
 void OVDeviceInfoManager::setUserId(const std::string& userId) {
   // Every event carries the id in JSON: text that is not UTF-8 would make
   // each of them fail to serialise.
-  if (!g_utf8_validate(userId.data(), static_cast<gssize>(userId.size()), nullptr)) {
+  if (!support::isValidUtf8(userId)) {
     support::warn("user id refused: it is not valid UTF-8");
     return;
   }

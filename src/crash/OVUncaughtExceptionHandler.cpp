@@ -18,9 +18,8 @@
 #include <typeinfo>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "crash/CrashEngine.h"
+#include "support/Utf8.h"
 
 namespace velquin {
 namespace {
@@ -56,14 +55,6 @@ std::string quoted(const std::string& value) {
     }
   }
   return text + "\"";
-}
-
-// The text with every byte that is not valid UTF-8 replaced by U+FFFD: the
-// record travels as JSON and protocol-buffer text, which must be UTF-8.
-std::string validUtf8(const std::string& text) {
-  return nlohmann::json::parse(
-             nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))
-      .get<std::string>();
 }
 
 std::string optionalText(const std::optional<std::string>& value) {
@@ -145,7 +136,8 @@ std::string OVUncaughtExceptionHandler::describeCurrentException() {
       try {
         std::rethrow_exception(active);
       } catch (const std::exception& error) {
-        reason = validUtf8(error.what());
+        // The record travels as JSON and protocol-buffer text: UTF-8 only.
+        reason = support::makeValidUtf8(error.what());
       } catch (...) {  // any other type carries no reason
       }
     }

@@ -1,7 +1,5 @@
 #include "velquin/Velquin.h"
 
-#include <glib.h>
-
 #include <initializer_list>
 #include <string_view>
 
@@ -15,6 +13,7 @@
 #include "purchases/OVPurchaseImpl.h"
 #include "support/OVCFunctionToolHelper.h"
 #include "support/OVUtils.h"
+#include "support/Utf8.h"
 #include "velquin/OVAnalytics.h"
 #include "velquin/OVPurchase.h"
 
@@ -31,7 +30,7 @@ GRPCserviceManager& network() {
 std::optional<Error> refuseNonUtf8(
     std::initializer_list<std::pair<const char*, std::string_view>> arguments) {
   for (const auto& [name, text] : arguments) {
-    if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+    if (!support::isValidUtf8(text)) {
       return Error{kVelquinErrorDomain, static_cast<std::int64_t>(PurchaseErrorCode::invalidText),
                    std::string("The ") + name + " is not valid UTF-8 text."};
     }

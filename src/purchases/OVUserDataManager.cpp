@@ -1,12 +1,11 @@
 #include "purchases/OVUserDataManager.h"
 
-#include <glib.h>
-
 #include "analytics/OVDeviceInfoManager.h"
 #include "platform/UserDefaults.h"
 #include "support/Console.h"
 #include "support/OVUtils.h"
 #include "support/Uuid.h"
+#include "support/Utf8.h"
 
 namespace velquin {
 namespace {
@@ -15,7 +14,7 @@ std::string newUuid() { return support::randomUuid(); }
 // A user id travels in every request and in JSON texts: it must be valid
 // UTF-8 and not empty.
 bool usableUserId(const std::string& id) {
-  return !id.empty() && g_utf8_validate(id.data(), static_cast<gssize>(id.size()), nullptr);
+  return !id.empty() && support::isValidUtf8(id);
 }
 }  // namespace
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/OVUtils.h"
+#include "support/Utf8.h"
 #include "velquin/MainQueue.h"
 #include "velquin/NotificationCenter.h"
 
@@ -313,7 +314,7 @@ std::unique_ptr<ReachabilityFlagSource> makeNetworkMonitorSource() {
 }
 
 std::unique_ptr<ReachabilityFlagSource> makeNetworkMonitorSourceForHost(const std::string& name) {
-  if (name.empty() || !g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr) ||
+  if (name.empty() || !support::isValidUtf8(name) ||
       name.find('\0') != std::string::npos) {
     return nullptr;
   }
