@@ -71,16 +71,24 @@ std::string listText(const std::optional<std::vector<std::string>>& lines) {
   return text + "]";
 }
 
-// The calling thread's frames, innermost first:
-// "N   module  0xADDRESS  symbol + offset" ("???" for what is unknown).
+// The calling thread's frames, innermost first, from the caller of the
+// terminate handler on (the hook's own frames are left out when the handler
+// is found on the stack): "N   module  0xADDRESS  symbol + offset" ("???"
+// for what is unknown).
 std::vector<std::string> currentStack() {
   std::vector<std::string> lines;
   unw_context_t context;
   unw_cursor_t cursor;
   if (unw_getcontext(&context) != 0 || unw_init_local(&cursor, &context) != 0) return lines;
+  const auto handlerStart = reinterpret_cast<unw_word_t>(&uncaughtExceptionHandler);
   do {
     unw_word_t ip = 0;
     if (unw_get_reg(&cursor, UNW_REG_IP, &ip) != 0) break;
+    unw_proc_info_t procedure{};
+    if (unw_get_proc_info(&cursor, &procedure) == 0 && procedure.start_ip == handlerStart) {
+      lines.clear();  // everything so far is the hook's own work
+      continue;
+    }
     std::string module = "???";
     Dl_info info{};
     if (dladdr(reinterpret_cast<void*>(ip), &info) != 0 && info.dli_fname) {
