@@ -98,8 +98,7 @@ std::unordered_set<std::int64_t> OVRequestCache::rowIds() {
 bool OVRequestCache::checkpoint() {
   if (!store_) return false;
   bool done = false;
-  store_->zk_inDatabase(
-      [&] { done = store_->zk_executeUpdate("PRAGMA wal_checkpoint(TRUNCATE)"); });
+  store_->zk_inDatabase([&] { done = store_->zk_checkpointWithoutWaiting(); });
   return done;
 }
 

@@ -79,7 +79,8 @@ class OVRequestCache {
   // The pkids of every cached row, read afresh.
   std::unordered_set<std::int64_t> rowIds();
   // Moves the write-ahead log into the database file and empties it; true
-  // when it did. For a clean exit.
+  // when it did. For a clean exit: it never waits for, nor holds up, another
+  // process using the cache (what that one still reads stays in the log).
   bool checkpoint();
   // The numerically largest cached request id, if any row has one.
   std::optional<std::int64_t> largestRequestId();

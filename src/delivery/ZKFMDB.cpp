@@ -591,6 +591,24 @@ bool ZKFMDB::zk_deleteTable(const std::string& table) {
 
 bool ZKFMDB::zk_executeUpdate(const std::string& sql) { return execute("statement", sql); }
 
+bool ZKFMDB::zk_checkpointWithoutWaiting() {
+  return guarded("checkpoint", false, [&] {
+    // With no busy wait, a checkpoint that meets another connection does
+    // what it can at once and reports itself busy.
+    db_->setBusyTimeout(0);
+    bool busy = true;
+    try {
+      SQLite::Statement checkpoint(*db_, "PRAGMA wal_checkpoint(TRUNCATE)");
+      busy = !checkpoint.executeStep() || checkpoint.getColumn(0).getInt() != 0;
+    } catch (...) {
+      db_->setBusyTimeout(kBusyTimeoutMs);
+      throw;
+    }
+    db_->setBusyTimeout(kBusyTimeoutMs);
+    return !busy;
+  });
+}
+
 bool ZKFMDB::zk_executePrepared(const std::string& sql, const ZKArgs& args) {
   return guarded("statement", false, [&] {
     SQLite::Statement& statement = cachedLocked(sql);

@@ -172,6 +172,11 @@ class ZKFMDB {
 
   // Runs one statement with no arguments (indexes, pragmas).
   bool zk_executeUpdate(const std::string& sql);
+  // Moves the write-ahead log into the database file and empties it without
+  // waiting for anyone: another process's writer or readers are never held
+  // up (a waiting checkpoint holds the writer lock against their inserts).
+  // What they still use stays in the log. True when the log was emptied.
+  bool zk_checkpointWithoutWaiting();
   // Runs one statement with `args` bound to its "?" parameters, kept
   // prepared for the next call with the same text (hot paths).
   bool zk_executePrepared(const std::string& sql, const ZKArgs& args);

@@ -104,9 +104,13 @@ TEST_F(Durability, EveryAcknowledgedEventArrivesAfterAKill) {
   // The first line of the ack file: the host is up and storing. The bound
   // only keeps a broken host from hanging the test.
   const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-  std::error_code ignored;
-  while (std::filesystem::file_size(ackFile, ignored) == 0 &&
-         waitpid(child, nullptr, WNOHANG) == 0 && std::chrono::steady_clock::now() < giveUp) {
+  const auto storing = [&] {
+    std::error_code missing;  // the file does not exist until the host opens it
+    const auto size = std::filesystem::file_size(ackFile, missing);
+    return !missing && size > 0;
+  };
+  while (!storing() && waitpid(child, nullptr, WNOHANG) == 0 &&
+         std::chrono::steady_clock::now() < giveUp) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(killAfterMs));
