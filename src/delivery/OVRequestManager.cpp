@@ -91,7 +91,9 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     support::MutexLock lock(queueMutex_);
     underWay_.insert(claimKey(*request));
   }
-  enqueueClaimed(Pending{std::move(request), std::move(success), std::move(failure)});
+  std::vector<Pending> pending;
+  pending.push_back(Pending{std::move(request), std::move(success), std::move(failure)});
+  enqueueClaimed(std::move(pending));
   return rowId.has_value();
 }
 
@@ -122,15 +124,22 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
       });
 }
 
-void OVRequestManager::enqueueClaimed(Pending pending) {
-  addDelQueue_.async([weak = weak_from_this(), pending = std::move(pending)]() mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    {
-      support::MutexLock lock(self->queueMutex_);
-      self->requestQueue_.push_back(std::move(pending));
-    }
-    self->sendPending();
+void OVRequestManager::enqueueClaimed(std::vector<Pending> pendings) {
+  if (pendings.empty()) return;
+  {
+    // Queued on the calling thread, in order: no hand-over to the manager's
+    // queue (whose wake-up would compete with the caller for the CPU).
+    support::MutexLock lock(queueMutex_);
+    for (auto& pending : pendings) requestQueue_.push_back(std::move(pending));
+  }
+  // With every slot taken, whoever frees one runs the loop and finds these
+  // envelopes: freeSlots() lowers inFlight_ before it takes queueMutex_,
+  // and this check follows the push under queueMutex_, so one of the two
+  // always sees the other. Otherwise the loop runs on the manager's queue,
+  // since starting a call costs more than the caller should pay.
+  if (inFlight_.load() >= kMaxInFlight) return;
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->sendPending();
   });
 }
 
@@ -372,13 +381,16 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
   // has committed: a row read before that delete but leased after it is
   // gone now, and must not be sent again.
   const auto existing = options_.cache->rowIds();
+  std::vector<Pending> pending;
+  pending.reserve(claimed.size());
   for (auto& row : claimed) {
     if (row->rowId() && !existing.count(*row->rowId())) {
       release(*row);
       continue;
     }
-    enqueueClaimed(Pending{std::move(row), success, failure});
+    pending.push_back(Pending{std::move(row), success, failure});
   }
+  enqueueClaimed(std::move(pending));
 }
 
 }  // namespace velquin

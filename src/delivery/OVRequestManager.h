@@ -134,8 +134,9 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // envelope that was never cached; empty when it has neither.
   static std::string claimKey(const OVRequest& request);
   bool hasCredentials() const { return !options_.hasCredentials || options_.hasCredentials(); }
-  // Queues an envelope whose claim is held already, then runs the loop.
-  void enqueueClaimed(Pending pending);
+  // Queues envelopes whose claims are held already, in order, and makes
+  // sure the send loop runs when a slot is free.
+  void enqueueClaimed(std::vector<Pending> pendings);
   // The send loop: sends waiting envelopes while a call slot is free.
   void sendPending();
   void send(Pending pending);

@@ -592,7 +592,11 @@ bool ZKFMDB::zk_deleteTable(const std::string& table) {
 bool ZKFMDB::zk_executeUpdate(const std::string& sql) { return execute("statement", sql); }
 
 bool ZKFMDB::zk_executePrepared(const std::string& sql, const ZKArgs& args) {
-  return guarded("statement", false, [&] {
+  return executeCached("statement", sql, args);
+}
+
+bool ZKFMDB::executeCached(const char* what, const std::string& sql, const ZKArgs& args) {
+  return guarded(what, false, [&] {
     SQLite::Statement& statement = cachedLocked(sql);
     for (std::size_t i = 0; i < args.size(); ++i) {
       bindValue(statement, static_cast<int>(i + 1), args[i]);
@@ -871,7 +875,9 @@ bool ZKFMDB::zk_inTransaction(const std::function<void(bool& rollback)>& block) 
   if (!block) return false;
   bool committed = false;
   dbQueue().sync([&] {
-    const bool began = execute("begin transaction", "BEGIN EXCLUSIVE TRANSACTION");
+    // Kept prepared, like the statements of the hot paths: every event's
+    // insert runs in a transaction of its own.
+    const bool began = executeCached("begin transaction", "BEGIN EXCLUSIVE TRANSACTION");
     bool rollback = false;
     try {
       block(rollback);
@@ -883,8 +889,8 @@ bool ZKFMDB::zk_inTransaction(const std::function<void(bool& rollback)>& block) 
       rollback = true;
     }
     if (began) {
-      const bool ended = execute(rollback ? "rollback" : "commit",
-                                 rollback ? "ROLLBACK TRANSACTION" : "COMMIT TRANSACTION");
+      const bool ended = executeCached(rollback ? "rollback" : "commit",
+                                       rollback ? "ROLLBACK TRANSACTION" : "COMMIT TRANSACTION");
       committed = ended && !rollback;
     }
   });

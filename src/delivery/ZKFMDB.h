@@ -222,6 +222,8 @@ class ZKFMDB {
   bool insertRecordLocked(const std::string& table, const ZKRecord& record);
   bool executeLocked(const std::string& sql, const ZKArgs& args);
   bool execute(const char* what, const std::string& sql, const ZKArgs& args = {});
+  // execute() with the statement kept prepared for the next call.
+  bool executeCached(const char* what, const std::string& sql, const ZKArgs& args = {});
   bool updateWith(const std::string& table, const std::function<ZKRow(const std::vector<std::string>&)>& values,
                   const std::string& whereFormat, const ZKArgs& args);
 
