@@ -7,6 +7,7 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <algorithm>
+#include <cerrno>
 #include <atomic>
 #include <cctype>
 #include <charconv>
@@ -15,6 +16,7 @@
 #include <limits>
 #include <optional>
 
+#include "delivery/WalSurvey.h"
 #include "support/Console.h"
 #include "velquin/Bundle.h"
 
@@ -222,6 +224,7 @@ ZKFMDB::~ZKFMDB() {
   }
   std::lock_guard lock(mutex_);
   closeLocked();
+  if (openLock_ >= 0) ::close(openLock_);
 }
 
 support::SerialQueue& ZKFMDB::dbQueue() {
@@ -248,19 +251,103 @@ void ZKFMDB::closeLocked() {
 
 bool ZKFMDB::openLocked() {
   if (db_) return true;
+  // Alone, a write-ahead log left behind is nobody's work in progress:
+  // SQLite is about to recover it, and silently drops what lies after a
+  // damaged frame. A damaged log is copied aside first.
+  const bool alone = lockForOpenLocked();
+  WalCheck walCheck;
+  if (alone) walCheck = inspectWalLocked();
+  bool opened = false;
   bool corrupt = false;
   std::string reason;
-  if (openFileLocked(corrupt, reason)) return true;
-  if (corrupt) {
+  if (openFileLocked(corrupt, reason)) {
+    opened = true;
+    if (alone) reportWalLocked(walCheck);
+  } else if (corrupt) {
     const std::string aside = moveAsideLocked(reason);
     corrupt = false;
     if (openFileLocked(corrupt, reason)) {
       salvageLocked(aside);
-      return true;
+      opened = true;
     }
   }
-  support::warn("ZKFMDB: can not open " + dbPath_.string() + ": " + reason);
-  return false;
+  shareOpenLockLocked();
+  if (!opened) support::warn("ZKFMDB: can not open " + dbPath_.string() + ": " + reason);
+  return opened;
+}
+
+bool ZKFMDB::lockForOpenLocked() {
+  if (openLock_ < 0) {
+    openLock_ = ::open((dbPath_.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  }
+  if (openLock_ < 0) return false;  // cannot tell: leave the log to SQLite
+  // Open file description locks: held by this instance's descriptor, so
+  // instances in one process keep each other out as processes do.
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  return ::fcntl(openLock_, F_OFD_SETLK, &lock) == 0;
+}
+
+void ZKFMDB::shareOpenLockLocked() {
+  if (openLock_ < 0) return;
+  struct flock lock {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  // Waits only while another instance inspects its log at open.
+  while (::fcntl(openLock_, F_OFD_SETLKW, &lock) != 0 && errno == EINTR) {
+  }
+}
+
+ZKFMDB::WalCheck ZKFMDB::inspectWalLocked() {
+  WalCheck check;
+  const std::filesystem::path wal = dbPath_.string() + "-wal";
+  check.survey = surveyWal(wal);
+  if (!check.survey.damaged()) return check;
+  const std::string original = dbPath_.string();
+  std::string aside = original + ".wal-damaged-" + timeStamp();
+  std::error_code error;
+  for (int n = 1; std::filesystem::exists(aside, error); ++n) {
+    aside = original + ".wal-damaged-" + timeStamp() + "-" + std::to_string(n);
+  }
+  if (std::filesystem::copy_file(wal, aside, error)) {
+    check.copy = aside;
+  } else {
+    check.copyError = error.message();
+  }
+  return check;
+}
+
+void ZKFMDB::reportWalLocked(const WalCheck& check) {
+  if (!check.survey.present) return;
+  // What recovery kept: the log's frame count, from a passive checkpoint.
+  std::uint32_t kept = check.survey.recoverable;
+  try {
+    SQLite::Statement checkpoint(*db_, "PRAGMA wal_checkpoint");
+    if (checkpoint.executeStep() && checkpoint.getColumn(1).getInt64() >= 0) {
+      kept = static_cast<std::uint32_t>(checkpoint.getColumn(1).getInt64());
+    }
+  } catch (const SQLite::Exception&) {
+  }
+  if (check.survey.lastIntactCommit <= kept) {
+    // Nothing committed was dropped (at most a transaction cut short by
+    // the end of the process): a copy made on a wrong guess goes again.
+    std::error_code ignored;
+    if (!check.copy.empty()) std::filesystem::remove(check.copy, ignored);
+    return;
+  }
+  std::string where;
+  if (!check.copy.empty()) {
+    where = "; the damaged log is kept as " + check.copy;
+  } else {
+    where = "; the damaged log could not be copied aside" +
+            (check.copyError.empty() ? std::string() : " (" + check.copyError + ")");
+  }
+  support::warn("ZKFMDB: the write-ahead log of " + dbPath_.string() + " is damaged: " +
+                std::to_string(check.survey.framesAfter(kept)) + " frame(s) after frame " +
+                std::to_string(kept) + " were lost with the rows written in them" + where);
 }
 
 bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {

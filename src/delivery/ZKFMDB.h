@@ -27,6 +27,19 @@
 // renamed aside (never deleted) and a fresh database is opened in its place,
 // with every table and row that could still be read from the damaged file.
 // The file is created readable by its owner only.
+//
+// A damaged write-ahead log is never silent: SQLite's recovery drops every
+// frame after the first one whose checksum fails. When an instance opens
+// the file while no other instance (of any process) has it open, a log left
+// behind is surveyed first (WalSurvey); if committed transactions lie past
+// a break, the log is copied aside as "<database>.wal-damaged-<time>" (kept,
+// never deleted) before SQLite recovers it, and one warning names the copy
+// and the frames lost. A transaction cut short at the end of the log (the
+// process died while appending it) is no damage: it never committed, and
+// nobody was told it was stored. Instances tell each other apart through
+// the side file "<database>.lock": each holds a shared open file
+// description lock on it while it may use the database, and takes it
+// exclusively for the check at open.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +54,7 @@
 #include <vector>
 
 #include "delivery/ModelRegistry.h"
+#include "delivery/WalSurvey.h"
 #include "support/SerialQueue.h"
 
 namespace SQLite {
@@ -203,7 +217,23 @@ class ZKFMDB {
  private:
   explicit ZKFMDB(std::filesystem::path path);
 
+  // A log found at open: its survey, and where a damaged one was copied.
+  struct WalCheck {
+    WalSurvey survey;
+    std::string copy;       // empty when none was made
+    std::string copyError;  // why a copy could not be made
+  };
+
   bool openLocked();
+  // Takes the side file's lock exclusively; true when no other instance
+  // (of this or another process) has the database open.
+  bool lockForOpenLocked();
+  // Back to the shared lock held while this instance may use the file.
+  void shareOpenLockLocked();
+  // Before SQLite opens the file: surveys the log, copies a damaged one.
+  WalCheck inspectWalLocked();
+  // After it opened: logs one warning when committed frames were dropped.
+  void reportWalLocked(const WalCheck& check);
   bool openFileLocked(bool& corrupt, std::string& reason);
   // Renames the file (and its WAL) aside; the new name, empty on failure.
   std::string moveAsideLocked(const std::string& reason);
@@ -238,6 +268,12 @@ class ZKFMDB {
   // equals columnsGeneration_.
   std::unordered_map<std::string, std::vector<std::string>> columns_;  // guarded by mutex_
   std::uint64_t columnsGeneration_ = 0;                                // guarded by mutex_
+
+  // The side file "<database>.lock": shared-locked (an open file
+  // description lock) while this instance may use the database, taken
+  // exclusively for the log check at open. -1 until the first open, or
+  // when the file cannot be made.
+  int openLock_ = -1;  // guarded by mutex_
 
   std::mutex queueMutex_;
   std::unique_ptr<support::SerialQueue> dbQueue_;  // guarded by queueMutex_; set once
