@@ -222,6 +222,15 @@ ZKFMDB::~ZKFMDB() {
     std::lock_guard lock(queueMutex_);
     dbQueue_.reset();  // runs what is still queued
   }
+  {
+    // Not under queueMutex_: a checkpoint still queued runs first.
+    std::unique_ptr<support::SerialQueue> checkpoints;
+    {
+      std::lock_guard lock(queueMutex_);
+      checkpoints = std::move(checkpointQueue_);
+    }
+    checkpoints.reset();
+  }
   std::lock_guard lock(mutex_);
   closeLocked();
   if (openLock_ >= 0) ::close(openLock_);
@@ -247,7 +256,49 @@ void ZKFMDB::closeLocked() {
   statements_.clear();  // statements go before the connection they belong to
   columns_.clear();
   db_.reset();
+  // The checkpoint connection follows: the file may be about to be moved
+  // aside, and it must not keep checkpointing the old one.
+  std::lock_guard lock(checkpointMutex_);
+  checkpointDb_.reset();
 }
+
+int ZKFMDB::walCommitted(void* self, sqlite3*, const char*, int frames) {
+  auto* store = static_cast<ZKFMDB*>(self);
+  if (frames < kCheckpointFrames || store->checkpointScheduled_.exchange(true)) return SQLITE_OK;
+  store->checkpointQueue().async([store] {
+    store->checkpointPassive();
+    store->checkpointScheduled_ = false;
+  });
+  return SQLITE_OK;
+}
+
+support::SerialQueue& ZKFMDB::checkpointQueue() {
+  std::lock_guard lock(queueMutex_);
+  if (!checkpointQueue_) {
+    checkpointQueue_ = std::make_unique<support::SerialQueue>("ZKFMDB checkpoint");
+  }
+  return *checkpointQueue_;
+}
+
+void ZKFMDB::checkpointPassive() {
+  std::lock_guard lock(checkpointMutex_);
+  try {
+    if (!checkpointDb_) {
+      checkpointDb_ = std::make_unique<SQLite::Database>(dbPath_.string(), SQLite::OPEN_READWRITE,
+                                                         kBusyTimeoutMs);
+      checkpointDb_->exec("PRAGMA synchronous=NORMAL");
+    }
+    // Copies what it can without waiting for anyone; writers go on
+    // meanwhile, and the log starts over at the first write after it has
+    // been copied in full.
+    checkpointDb_->exec("PRAGMA wal_checkpoint(PASSIVE)");
+  } catch (const SQLite::Exception& error) {
+    checkpointDb_.reset();  // opened afresh next time
+    support::warn(std::string("ZKFMDB: checkpoint failed: ") + error.what());
+  }
+}
+
+void ZKFMDB::drainCheckpoints() { checkpointQueue().sync([] {}); }
 
 bool ZKFMDB::openLocked() {
   if (db_) return true;
@@ -368,6 +419,9 @@ bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {
     // fails here with SQLITE_NOTADB.
     db->exec("PRAGMA journal_mode=WAL");
     db->exec("PRAGMA synchronous=NORMAL");
+    // No checkpoint inside a commit: the hook replaces SQLite's automatic
+    // one and hands the work to the checkpoint thread.
+    sqlite3_wal_hook(db->getHandle(), &ZKFMDB::walCommitted, this);
     {
       SQLite::Statement check(*db, "PRAGMA quick_check");
       if (check.executeStep()) {

@@ -40,8 +40,13 @@
 // the side file "<database>.lock": each holds a shared open file
 // description lock on it while it may use the database, and takes it
 // exclusively for the check at open.
+//
+// Checkpoints never run inside a commit: once the log holds 1000 frames a
+// commit hands a passive checkpoint to a thread of its own, on a second
+// connection, and writers go on meanwhile.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -56,6 +61,8 @@
 #include "delivery/ModelRegistry.h"
 #include "delivery/WalSurvey.h"
 #include "support/SerialQueue.h"
+
+struct sqlite3;
 
 namespace SQLite {
 class Database;
@@ -117,6 +124,8 @@ class ZKFMDB {
   ZKFMDB& operator=(const ZKFMDB&) = delete;
 
   const std::filesystem::path& dbPath() const { return dbPath_; }
+  // Waits until the checkpoints scheduled so far have run (for tests).
+  void drainCheckpoints();
   // The serial database queue, created at first use. Its blocks and the
   // direct operations share one connection.
   support::SerialQueue& dbQueue();
@@ -217,6 +226,16 @@ class ZKFMDB {
  private:
   explicit ZKFMDB(std::filesystem::path path);
 
+  // Log frames after which a commit schedules a checkpoint (SQLite's own
+  // automatic checkpoint would run inside that commit, at the same size).
+  static constexpr int kCheckpointFrames = 1000;
+  // SQLite's commit hook for the log (sqlite3_wal_hook); runs on the
+  // committing thread.
+  static int walCommitted(void* self, sqlite3* db, const char* name, int frames);
+  support::SerialQueue& checkpointQueue();
+  // A passive checkpoint on the checkpoint connection (checkpoint thread).
+  void checkpointPassive();
+
   // A log found at open: its survey, and where a damaged one was copied.
   struct WalCheck {
     WalSurvey survey;
@@ -277,6 +296,15 @@ class ZKFMDB {
 
   std::mutex queueMutex_;
   std::unique_ptr<support::SerialQueue> dbQueue_;  // guarded by queueMutex_; set once
+  // Runs checkpoints; created at the first one.
+  std::unique_ptr<support::SerialQueue> checkpointQueue_;  // guarded by queueMutex_
+
+  // Lock order: mutex_ before checkpointMutex_.
+  std::mutex checkpointMutex_;
+  // A second connection, used only to checkpoint, so that copying the log
+  // into the file never holds up a commit on db_.
+  std::unique_ptr<SQLite::Database> checkpointDb_;  // guarded by checkpointMutex_
+  std::atomic<bool> checkpointScheduled_{false};    // set by a commit, cleared by the checkpoint
 };
 
 }  // namespace velquin
