@@ -166,10 +166,13 @@ void OVRequestManager::freeSlots(int count) {
   sendPending();
 }
 
-DeviceFacts OVRequestManager::currentFacts() {
+std::shared_ptr<const DeviceFacts> OVRequestManager::currentFacts() {
   support::MutexLock lock(factsMutex_);
-  if (!facts_) facts_ = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
-  return *facts_;
+  if (!facts_) {
+    facts_ = std::make_shared<const DeviceFacts>(options_.deviceFacts ? options_.deviceFacts()
+                                                                     : DeviceFacts{});
+  }
+  return facts_;  // shared, not copied: a send needs only to read them
 }
 
 void OVRequestManager::sendPending() {
@@ -194,38 +197,45 @@ void OVRequestManager::send(Pending pending) {
     std::string why;
     if (!request.restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
   }
-  const DeviceFacts facts = currentFacts();
+  const std::shared_ptr<const DeviceFacts> facts = currentFacts();
   const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
-  auto eventRequest =
-      buildEventRequest(request.params().value_or(nlohmann::json::object()), facts, identity);
+  static const nlohmann::json kNoParams = nlohmann::json::object();
+  auto eventRequest = buildEventRequest(request.params() ? *request.params() : kNoParams, *facts,
+                                        identity);
+  // The request goes to the call as it is; a copy is kept only for the
+  // log line, when the log is on.
+  std::shared_ptr<const protocol::EventRequest> logged;
+  if (logEnabled()) logged = std::make_shared<const protocol::EventRequest>(eventRequest);
 
   ++inFlight_;
   auto call = stub_->prepareFireEvent(
-      eventRequest,
-      [weak = weak_from_this(), pending, eventRequest](std::optional<protocol::EventResponse> reply,
-                                                       std::optional<Error> error) {
+      std::move(eventRequest),
+      [weak = weak_from_this(), pending = std::move(pending), logged = std::move(logged)](
+          std::optional<protocol::EventResponse> reply, std::optional<Error> error) {
         auto self = weak.lock();
         if (!self) return;
-        self->handleReply(pending, eventRequest, std::move(reply), std::move(error));
+        self->handleReply(pending, logged.get(), std::move(reply), std::move(error));
       },
       options_.callTimeout);
   EventdStub::FireEventCall::start(std::move(call));
 }
 
 void OVRequestManager::handleReply(const Pending& pending,
-                                   const protocol::EventRequest& eventRequest,
+                                   const protocol::EventRequest* eventRequest,
                                    std::optional<protocol::EventResponse> reply,
                                    std::optional<Error> error) {
+  const std::string description = eventRequest ? eventRequest->ShortDebugString() : std::string();
   const auto& request = pending.request;
   const std::string id = request->requestIdText();
   const std::string key = claimKey(*request);
   if (reply) {
     // Any reply counts as accepted, whatever its status. The slot stays
     // taken until the row's delete has committed.
-    auto after = [this, pending, eventRequest, id, status = reply->status(), response = *reply] {
+    auto after = [this, pending, description, id, status = reply->status(),
+                  response = std::move(*reply)] {
       if (logEnabled()) {
         support::printLine("\n✅✅✅Request address = " + options_.host +
-                           " \n request parameter = " + eventRequest.ShortDebugString() +
+                           " \n request parameter = " + description +
                            " \n return data = " + (status ? "1" : "0") + " \n cache ID = " + id);
       }
       if (pending.success) pending.success(response);
@@ -271,7 +281,7 @@ void OVRequestManager::handleReply(const Pending& pending,
 
   if (logEnabled()) {
     support::printLine("\n❌❌❌Failure message = " + error.value_or(Error{}).message +
-                       " \nRequest parameter = " + eventRequest.ShortDebugString() +
+                       " \nRequest parameter = " + description +
                        " \nCache ID = " + id);
   }
   if (pending.failure) pending.failure(error.value_or(Error{kGrpcErrorDomain, 2, "no reply"}));

@@ -140,7 +140,8 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // The send loop: sends waiting envelopes while a call slot is free.
   void sendPending();
   void send(Pending pending);
-  void handleReply(const Pending& pending, const protocol::EventRequest& eventRequest,
+  // `eventRequest`: the request as sent, kept only while the log is on.
+  void handleReply(const Pending& pending, const protocol::EventRequest* eventRequest,
                    std::optional<protocol::EventResponse> reply, std::optional<Error> error);
   // Deletes the acknowledged rows collected so far, frees their slots,
   // then runs their blocks.
@@ -155,7 +156,7 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
       REQUIRES(queueMutex_);
   void freeSlots(int count);
   void reportFailedDelete(std::size_t rows);
-  DeviceFacts currentFacts();
+  std::shared_ptr<const DeviceFacts> currentFacts();
   bool logEnabled() const { return options_.logEnabled && options_.logEnabled(); }
 
   const Options options_;
@@ -177,7 +178,7 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   std::optional<MainQueue::TimerId> timer_ GUARDED_BY(timerMutex_);
 
   support::Mutex factsMutex_;
-  std::optional<DeviceFacts> facts_ GUARDED_BY(factsMutex_);  // refreshed by uploadCacheData
+  std::shared_ptr<const DeviceFacts> facts_ GUARDED_BY(factsMutex_);  // refreshed by uploadCacheData
 
   struct Acknowledged {
     std::string key;                    // claim key
