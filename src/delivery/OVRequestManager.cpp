@@ -1,5 +1,8 @@
 #include "delivery/OVRequestManager.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "delivery/OVRequestCache.h"
 #include "support/Console.h"
 #include "support/Mutex.h"
@@ -66,13 +69,22 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     // read the row: the upload then skips it.
     std::function<void(std::int64_t)> claim;
     std::optional<std::int64_t> claimed;
+    std::vector<Acknowledged> taken;
+    bool takenDeleted = false;
     if (credentials) {
-      claim = [this, &claimed](std::int64_t row) {
-        support::MutexLock lock(queueMutex_);
-        underWay_.insert("row:" + std::to_string(row));
-        // Not yet visible to any other process: the lease is free.
-        if (leases_) leases_->acquire(row);
+      ++callersInside_;
+      claim = [this, &claimed, &taken, &takenDeleted](std::int64_t row) {
+        {
+          support::MutexLock lock(queueMutex_);
+          underWay_.insert("row:" + std::to_string(row));
+          // Not yet visible to any other process: the lease is free.
+          if (leases_) leases_->acquire(row);
+        }
         claimed = row;
+        // Rows acknowledged meanwhile leave in this same commit: a reply
+        // never makes the caller wait for a delete of its own.
+        taken = takeAcknowledgedRows();
+        if (!taken.empty()) takenDeleted = options_.cache->deleteRows(rowsOf(taken));
       };
     }
     rowId = options_.cache->addRequest(*request, claim);
@@ -81,6 +93,26 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
       OVRequest gone;
       gone.setRowId(claimed);
       release(gone);
+    }
+    if (credentials) {
+      if (!taken.empty()) {
+        if (rowId) {
+          // Committed with the row: their slots are free now. The rest (the
+          // next sends, the success blocks) is no work for the caller.
+          addDelQueue_.async([weak = weak_from_this(), batch = std::move(taken), takenDeleted]() mutable {
+            if (auto self = weak.lock()) self->settleDeleted(batch, takenDeleted);
+          });
+        } else {
+          // Rolled back with the insert: deleted as any other reply.
+          support::MutexLock lock(deleteMutex_);
+          for (auto& entry : taken) acknowledged_.push_back(std::move(entry));
+        }
+      }
+      // Replies that left their rows to this caller after it had taken its
+      // batch must not wait for the next caller: lowered first, then
+      // checked, so a reply either sees no caller inside or is seen here.
+      --callersInside_;
+      scheduleDeletes();
     }
   }
   request->setRowId(rowId);
@@ -244,8 +276,10 @@ void OVRequestManager::handleReply(const Pending& pending,
     {
       support::MutexLock lock(deleteMutex_);
       acknowledged_.push_back({key, request->rowId(), id, std::move(after)});
-      deleteHere = !deleteScheduled_;
-      deleteScheduled_ = true;
+      // While a caller is inside submit(), its commit takes the row along
+      // (or it schedules the delete when it leaves).
+      deleteHere = !deleteScheduled_ && callersInside_.load() == 0;
+      if (deleteHere) deleteScheduled_ = true;
     }
     // The first reply to find no delete under way deletes right here, with
     // whatever other replies have joined by then; the rest only join.
@@ -327,18 +361,54 @@ void OVRequestManager::deleteAcknowledged() {
       deleted = options_.cache->deleteRows(rows);
       options_.cache->deleteRequests(ids);
     }
-    if (deleted) {
-      support::MutexLock lock(queueMutex_);
-      for (const auto& entry : batch) {
-        underWay_.erase(entry.key);
-        if (leases_ && entry.rowId) leases_->release(*entry.rowId);
-      }
-    } else {
-      reportFailedDelete(rows.size());  // their claims stay: never sent again here
-    }
-    freeSlots(static_cast<int>(batch.size()));
-    for (auto& entry : batch) entry.after();
+    settleDeleted(batch, deleted);
   }
+}
+
+void OVRequestManager::settleDeleted(std::vector<Acknowledged>& batch, bool deleted) {
+  if (deleted) {
+    support::MutexLock lock(queueMutex_);
+    for (const auto& entry : batch) {
+      underWay_.erase(entry.key);
+      if (leases_ && entry.rowId) leases_->release(*entry.rowId);
+    }
+  } else {
+    std::size_t rows = 0;
+    for (const auto& entry : batch) rows += entry.rowId ? 1 : 0;
+    reportFailedDelete(rows);  // their claims stay: never sent again here
+  }
+  freeSlots(static_cast<int>(batch.size()));
+  for (auto& entry : batch) entry.after();
+}
+
+std::vector<OVRequestManager::Acknowledged> OVRequestManager::takeAcknowledgedRows() {
+  std::vector<Acknowledged> taken;
+  support::MutexLock lock(deleteMutex_);
+  // Envelopes that were never cached are deleted by request id, in a
+  // transaction of their own: they stay for deleteAcknowledged().
+  auto cached = std::stable_partition(acknowledged_.begin(), acknowledged_.end(),
+                                      [](const Acknowledged& entry) { return !entry.rowId; });
+  std::move(cached, acknowledged_.end(), std::back_inserter(taken));
+  acknowledged_.erase(cached, acknowledged_.end());
+  return taken;
+}
+
+std::vector<std::int64_t> OVRequestManager::rowsOf(const std::vector<Acknowledged>& batch) {
+  std::vector<std::int64_t> rows;
+  rows.reserve(batch.size());
+  for (const auto& entry : batch) rows.push_back(*entry.rowId);
+  return rows;
+}
+
+void OVRequestManager::scheduleDeletes() {
+  {
+    support::MutexLock lock(deleteMutex_);
+    if (acknowledged_.empty() || deleteScheduled_) return;
+    deleteScheduled_ = true;
+  }
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->deleteAcknowledged();
+  });
 }
 
 void OVRequestManager::startTimer() {

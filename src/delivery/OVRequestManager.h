@@ -28,10 +28,15 @@
 // are taken, envelopes wait in the queue, and whoever frees a slot (a reply
 // on a gRPC callback thread, or a committed delete) runs the
 // loop again right there. No thread ever waits for a slot, so the fourth
-// request can neither deadlock a callback thread nor be lost. Acknowledged
-// rows are deleted in batches on the callback thread of the reply that
-// found no delete under way (replies landing meanwhile join its batch); an
-// envelope's success block runs there after its row is gone. The 60-second
+// request can neither deadlock a callback thread nor be lost. submit()
+// queues on the caller's thread and wakes the manager's queue only when a
+// slot is free. Acknowledged rows are deleted in batches on the callback
+// thread of the reply that found no delete under way (replies landing
+// meanwhile join its batch); an envelope's success block runs there after
+// its row is gone. While a caller is inside submit(), replies leave their
+// rows to it instead: its insert's transaction deletes them too (one commit,
+// and the caller never waits behind a delete), and their slots are freed
+// and blocks run on the manager's queue after that commit. The 60-second
 // timer runs on the main queue. Replies and queued blocks hold the manager
 // weakly; the last reference may go on any of these threads, the manager's
 // own queues included. An envelope's blocks are the ones given when it was
@@ -128,6 +133,12 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
     SuccessBlock success;
     FailureBlock failure;
   };
+  struct Acknowledged {
+    std::string key;                    // claim key
+    std::optional<std::int64_t> rowId;  // none: delete by request id
+    std::string requestId;
+    std::function<void()> after;  // log line and success block
+  };
 
   explicit OVRequestManager(Options options);
   // The key a row is claimed under: its pkid, or its request id for an
@@ -146,6 +157,14 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // Deletes the acknowledged rows collected so far, frees their slots,
   // then runs their blocks.
   void deleteAcknowledged();
+  // After a batch's delete: drops the claims (or keeps them when the delete
+  // failed), frees the slots, runs the blocks.
+  void settleDeleted(std::vector<Acknowledged>& batch, bool deleted);
+  // Takes the acknowledged envelopes that have a cached row.
+  std::vector<Acknowledged> takeAcknowledgedRows();
+  static std::vector<std::int64_t> rowsOf(const std::vector<Acknowledged>& batch);
+  // Hands acknowledged envelopes nobody is deleting to the manager's queue.
+  void scheduleDeletes();
   // Deletes the row of an envelope given up; true when it is gone.
   bool deleteRow(const OVRequest& request);
   // Drops the claim and the lease of a row.
@@ -180,15 +199,12 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   support::Mutex factsMutex_;
   std::shared_ptr<const DeviceFacts> facts_ GUARDED_BY(factsMutex_);  // refreshed by uploadCacheData
 
-  struct Acknowledged {
-    std::string key;                    // claim key
-    std::optional<std::int64_t> rowId;  // none: delete by request id
-    std::string requestId;
-    std::function<void()> after;  // log line and success block
-  };
   support::Mutex deleteMutex_;
   std::vector<Acknowledged> acknowledged_ GUARDED_BY(deleteMutex_);
   bool deleteScheduled_ GUARDED_BY(deleteMutex_) = false;  // a batch is being taken
+  // submit() calls between their start and their check for replies left
+  // to them; while there is one, replies leave their deletes to its commit.
+  std::atomic<int> callersInside_{0};
 
   // Last: destroyed first, so queued work finishes while the rest exists.
   support::SerialQueue addDelQueue_{"com.addDel.www"};
