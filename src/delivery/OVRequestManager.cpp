@@ -272,18 +272,31 @@ void OVRequestManager::handleReply(const Pending& pending,
       }
       if (pending.success) pending.success(response);
     };
-    bool deleteHere = false;
+    Acknowledged entry{key, request->rowId(), id, std::move(after)};
     {
-      support::MutexLock lock(deleteMutex_);
-      acknowledged_.push_back({key, request->rowId(), id, std::move(after)});
       // While a caller is inside submit(), its commit takes the row along
       // (or it schedules the delete when it leaves).
-      deleteHere = !deleteScheduled_ && callersInside_.load() == 0;
-      if (deleteHere) deleteScheduled_ = true;
+      support::MutexLock lock(deleteMutex_);
+      if (callersInside_.load() > 0) {
+        acknowledged_.push_back(std::move(entry));
+        return;
+      }
     }
-    // The first reply to find no delete under way deletes right here, with
-    // whatever other replies have joined by then; the rest only join.
-    if (deleteHere) deleteAcknowledged();
+    // Otherwise the row is deleted right here and its slot used again at
+    // once. Replies landing together are not batched into one commit: that
+    // makes the three calls go out and come back in lockstep, which costs
+    // both sides more than the commits it saves.
+    bool deleted = true;
+    if (options_.cache && options_.cache->isAvailable()) {
+      if (entry.rowId) {
+        deleted = options_.cache->deleteRows({*entry.rowId});
+      } else {
+        options_.cache->deleteRequest(entry.requestId);
+      }
+    }
+    std::vector<Acknowledged> one;
+    one.push_back(std::move(entry));
+    settleDeleted(one, deleted);
     return;
   }
 

@@ -30,9 +30,8 @@
 // loop again right there. No thread ever waits for a slot, so the fourth
 // request can neither deadlock a callback thread nor be lost. submit()
 // queues on the caller's thread and wakes the manager's queue only when a
-// slot is free. Acknowledged rows are deleted in batches on the callback
-// thread of the reply that found no delete under way (replies landing
-// meanwhile join its batch); an envelope's success block runs there after
+// slot is free. A reply deletes its row on its own callback thread and uses
+// the freed slot right there; an envelope's success block runs there after
 // its row is gone. While a caller is inside submit(), replies leave their
 // rows to it instead: its insert's transaction deletes them too (one commit,
 // and the caller never waits behind a delete), and their slots are freed
@@ -200,8 +199,10 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   std::shared_ptr<const DeviceFacts> facts_ GUARDED_BY(factsMutex_);  // refreshed by uploadCacheData
 
   support::Mutex deleteMutex_;
+  // Acknowledged envelopes left by replies to a caller, or to the manager's
+  // queue once the caller has gone.
   std::vector<Acknowledged> acknowledged_ GUARDED_BY(deleteMutex_);
-  bool deleteScheduled_ GUARDED_BY(deleteMutex_) = false;  // a batch is being taken
+  bool deleteScheduled_ GUARDED_BY(deleteMutex_) = false;  // deleteAcknowledged() will run
   // submit() calls between their start and their check for replies left
   // to them; while there is one, replies leave their deletes to its commit.
   std::atomic<int> callersInside_{0};
