@@ -71,8 +71,9 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     std::optional<std::int64_t> claimed;
     std::vector<Acknowledged> taken;
     bool takenDeleted = false;
+    std::optional<CallerScope> inside;
     if (credentials) {
-      ++callersInside_;
+      inside.emplace(*this);
       claim = [this, &claimed, &taken, &takenDeleted](std::int64_t row) {
         {
           support::MutexLock lock(queueMutex_);
@@ -109,10 +110,8 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
         }
       }
       // Replies that left their rows to this caller after it had taken its
-      // batch must not wait for the next caller: lowered first, then
-      // checked, so a reply either sees no caller inside or is seen here.
-      --callersInside_;
-      scheduleDeletes();
+      // batch do not wait for the next caller: see leaveCaller().
+      inside.reset();
     }
   }
   request->setRowId(rowId);

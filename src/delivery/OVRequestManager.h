@@ -94,6 +94,24 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   static std::shared_ptr<OVRequestManager> create(Options options);
   ~OVRequestManager();
 
+  // Marks the calling thread as a producer about to submit(): while one is
+  // alive, replies leave their deletes to the next submit()'s commit (see
+  // the top of this file). A producer holds one around building and
+  // submitting an event, so replies landing while it builds the envelope
+  // do not hold up its insert with a delete of their own.
+  class CallerScope {
+   public:
+    explicit CallerScope(OVRequestManager& manager) : manager_(manager) {
+      ++manager_.callersInside_;
+    }
+    ~CallerScope() { manager_.leaveCaller(); }
+    CallerScope(const CallerScope&) = delete;
+    CallerScope& operator=(const CallerScope&) = delete;
+
+   private:
+    OVRequestManager& manager_;
+  };
+
   // Writes the envelope to the cache (setting its rowId) and queues it.
   // True when the row was written; false when the cache is unavailable or
   // the write failed: the event is then still sent, but without
@@ -164,6 +182,12 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   static std::vector<std::int64_t> rowsOf(const std::vector<Acknowledged>& batch);
   // Hands acknowledged envelopes nobody is deleting to the manager's queue.
   void scheduleDeletes();
+  // The end of a caller's scope: lowered first, then checked, so a reply
+  // either sees no caller inside or has its row seen here.
+  void leaveCaller() {
+    --callersInside_;
+    scheduleDeletes();
+  }
   // Deletes the row of an envelope given up; true when it is gone.
   bool deleteRow(const OVRequest& request);
   // Drops the claim and the lease of a row.
@@ -203,8 +227,8 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // queue once the caller has gone.
   std::vector<Acknowledged> acknowledged_ GUARDED_BY(deleteMutex_);
   bool deleteScheduled_ GUARDED_BY(deleteMutex_) = false;  // deleteAcknowledged() will run
-  // submit() calls between their start and their check for replies left
-  // to them; while there is one, replies leave their deletes to its commit.
+  // Callers inside a CallerScope or submit(); while there is one, replies
+  // leave their deletes to the next submit()'s commit.
   std::atomic<int> callersInside_{0};
 
   // Last: destroyed first, so queued work finishes while the rest exists.
