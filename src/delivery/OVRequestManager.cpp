@@ -352,11 +352,22 @@ void OVRequestManager::deleteAcknowledged() {
     std::vector<Acknowledged> batch;
     {
       support::MutexLock lock(deleteMutex_);
-      if (acknowledged_.empty()) {
+      if (callersInside_.load() > 0) {
+        // A caller inside takes the cached rows with its insert, or
+        // schedules this again when it leaves (leaveCaller() checks after
+        // lowering the count): deleting them here would only make it wait.
+        auto cached = std::stable_partition(
+            acknowledged_.begin(), acknowledged_.end(),
+            [](const Acknowledged& entry) { return !entry.rowId; });
+        std::move(acknowledged_.begin(), cached, std::back_inserter(batch));
+        acknowledged_.erase(acknowledged_.begin(), cached);
+      } else {
+        batch.swap(acknowledged_);
+      }
+      if (batch.empty()) {
         deleteScheduled_ = false;
         return;
       }
-      batch.swap(acknowledged_);
     }
     std::vector<std::int64_t> rows;
     std::vector<std::string> ids;
