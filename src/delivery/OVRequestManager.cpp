@@ -71,23 +71,20 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     std::optional<std::int64_t> claimed;
     std::vector<Acknowledged> taken;
     bool takenDeleted = false;
-    std::optional<CallerScope> inside;
-    if (credentials) {
-      inside.emplace(*this);
-      claim = [this, &claimed, &taken, &takenDeleted](std::int64_t row) {
-        {
-          support::MutexLock lock(queueMutex_);
-          underWay_.insert("row:" + std::to_string(row));
-          // Not yet visible to any other process: the lease is free.
-          if (leases_) leases_->acquire(row);
-        }
+    CallerScope inside(*this);
+    claim = [this, credentials, &claimed, &taken, &takenDeleted](std::int64_t row) {
+      if (credentials) {
+        support::MutexLock lock(queueMutex_);
+        underWay_.insert("row:" + std::to_string(row));
+        // Not yet visible to any other process: the lease is free.
+        if (leases_) leases_->acquire(row);
         claimed = row;
-        // Rows acknowledged meanwhile leave in this same commit: a reply
-        // never makes the caller wait for a delete of its own.
-        taken = takeAcknowledgedRows();
-        if (!taken.empty()) takenDeleted = options_.cache->deleteRows(rowsOf(taken));
-      };
-    }
+      }
+      // Rows acknowledged meanwhile leave in this same commit: a reply
+      // never makes the caller wait for a delete of its own.
+      taken = takeAcknowledgedRows();
+      if (!taken.empty()) takenDeleted = options_.cache->deleteRows(rowsOf(taken));
+    };
     rowId = options_.cache->addRequest(*request, claim);
     if (claimed && !rowId) {
       // The insert did not commit: the row does not exist after all.
@@ -95,24 +92,23 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
       gone.setRowId(claimed);
       release(gone);
     }
-    if (credentials) {
-      if (!taken.empty()) {
-        if (rowId) {
-          // Committed with the row: their slots are free now. The rest (the
-          // next sends, the success blocks) is no work for the caller.
-          addDelQueue_.async([weak = weak_from_this(), batch = std::move(taken), takenDeleted]() mutable {
-            if (auto self = weak.lock()) self->settleDeleted(batch, takenDeleted);
-          });
-        } else {
-          // Rolled back with the insert: deleted as any other reply.
-          support::MutexLock lock(deleteMutex_);
-          for (auto& entry : taken) acknowledged_.push_back(std::move(entry));
-        }
+    if (!taken.empty()) {
+      if (rowId) {
+        // Committed with the row: their slots are free now. The rest (the
+        // next sends, the success blocks) is no work for the caller.
+        addDelQueue_.async(
+            [weak = weak_from_this(), batch = std::move(taken), takenDeleted]() mutable {
+              if (auto self = weak.lock()) self->settleDeleted(batch, takenDeleted);
+            });
+      } else {
+        // Rolled back with the insert: deleted as any other reply.
+        support::MutexLock lock(deleteMutex_);
+        for (auto& entry : taken) acknowledged_.push_back(std::move(entry));
       }
-      // Replies that left their rows to this caller after it had taken its
-      // batch do not wait for the next caller: see leaveCaller().
-      inside.reset();
     }
+    // Replies that left their rows to this caller after it had taken its
+    // batch do not wait for the next caller: see leaveCaller(), run when
+    // `inside` ends here.
   }
   request->setRowId(rowId);
   if (!credentials) return rowId.has_value();
