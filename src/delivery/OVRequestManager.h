@@ -32,7 +32,8 @@
 // queues on the caller's thread and wakes the manager's queue only when a
 // slot is free. A reply deletes its row on its own callback thread and uses
 // the freed slot right there; an envelope's success block runs there after
-// its row is gone. While a caller is inside submit(), replies leave their
+// its row is gone. While a producer is inside a CallerScope (OVAnalytics
+// holds one while it records an event) or submit(), replies leave their
 // rows to it instead: its insert's transaction deletes them too (one commit,
 // and the caller never waits behind a delete), and their slots are freed
 // and blocks run on the manager's queue after that commit. The 60-second
