@@ -372,7 +372,9 @@ ZKFMDB::WalCheck ZKFMDB::inspectWalLocked() {
 }
 
 void ZKFMDB::reportWalLocked(const WalCheck& check) {
-  if (!check.survey.present) return;
+  // The survey replays recovery; a log it finds whole costs nothing more
+  // here (a checkpoint at every start after an unclean exit would).
+  if (!check.survey.damaged()) return;
   // What recovery kept: the log's frame count, from a passive checkpoint.
   std::uint32_t kept = check.survey.recoverable;
   try {
