@@ -86,6 +86,9 @@ OVEventReceipt submitEvent(const std::optional<std::string>& name,
   // The cache first: opening it moves the request counter past the ids of
   // rows an earlier run left behind.
   OVRequestCache::shared();
+  // From here until the event is queued, replies leave their deletes to
+  // this event's insert instead of holding it up with their own.
+  OVRequestManager::CallerScope producing(OVRequestManager::shared());
   auto& deviceInfo = OVDeviceInfoManager::shared();
   auto request = makeEventEnvelope(
       {name, std::move(valueText), deviceInfo.userId(), deviceInfo.nextRequestNumber()});

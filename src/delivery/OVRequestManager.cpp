@@ -1,5 +1,8 @@
 #include "delivery/OVRequestManager.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "delivery/OVRequestCache.h"
 #include "support/Console.h"
 #include "support/Mutex.h"
@@ -66,15 +69,22 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     // read the row: the upload then skips it.
     std::function<void(std::int64_t)> claim;
     std::optional<std::int64_t> claimed;
-    if (credentials) {
-      claim = [this, &claimed](std::int64_t row) {
+    std::vector<Acknowledged> taken;
+    bool takenDeleted = false;
+    CallerScope inside(*this);
+    claim = [this, credentials, &claimed, &taken, &takenDeleted](std::int64_t row) {
+      if (credentials) {
         support::MutexLock lock(queueMutex_);
         underWay_.insert("row:" + std::to_string(row));
         // Not yet visible to any other process: the lease is free.
         if (leases_) leases_->acquire(row);
         claimed = row;
-      };
-    }
+      }
+      // Rows acknowledged meanwhile leave in this same commit: a reply
+      // never makes the caller wait for a delete of its own.
+      taken = takeAcknowledgedRows();
+      if (!taken.empty()) takenDeleted = options_.cache->deleteRows(rowsOf(taken));
+    };
     rowId = options_.cache->addRequest(*request, claim);
     if (claimed && !rowId) {
       // The insert did not commit: the row does not exist after all.
@@ -82,6 +92,23 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
       gone.setRowId(claimed);
       release(gone);
     }
+    if (!taken.empty()) {
+      if (rowId) {
+        // Committed with the row: their slots are free now. The rest (the
+        // next sends, the success blocks) is no work for the caller.
+        addDelQueue_.async(
+            [weak = weak_from_this(), batch = std::move(taken), takenDeleted]() mutable {
+              if (auto self = weak.lock()) self->settleDeleted(batch, takenDeleted);
+            });
+      } else {
+        // Rolled back with the insert: deleted as any other reply.
+        support::MutexLock lock(deleteMutex_);
+        for (auto& entry : taken) acknowledged_.push_back(std::move(entry));
+      }
+    }
+    // Replies that left their rows to this caller after it had taken its
+    // batch do not wait for the next caller: see leaveCaller(), run when
+    // `inside` ends here.
   }
   request->setRowId(rowId);
   if (!credentials) return rowId.has_value();
@@ -91,7 +118,9 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     support::MutexLock lock(queueMutex_);
     underWay_.insert(claimKey(*request));
   }
-  enqueueClaimed(Pending{std::move(request), std::move(success), std::move(failure)});
+  std::vector<Pending> pending;
+  pending.push_back(Pending{std::move(request), std::move(success), std::move(failure)});
+  enqueueClaimed(std::move(pending));
   return rowId.has_value();
 }
 
@@ -122,15 +151,22 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
       });
 }
 
-void OVRequestManager::enqueueClaimed(Pending pending) {
-  addDelQueue_.async([weak = weak_from_this(), pending = std::move(pending)]() mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    {
-      support::MutexLock lock(self->queueMutex_);
-      self->requestQueue_.push_back(std::move(pending));
-    }
-    self->sendPending();
+void OVRequestManager::enqueueClaimed(std::vector<Pending> pendings) {
+  if (pendings.empty()) return;
+  {
+    // Queued on the calling thread, in order: no hand-over to the manager's
+    // queue (whose wake-up would compete with the caller for the CPU).
+    support::MutexLock lock(queueMutex_);
+    for (auto& pending : pendings) requestQueue_.push_back(std::move(pending));
+  }
+  // With every slot taken, whoever frees one runs the loop and finds these
+  // envelopes: freeSlots() lowers inFlight_ before it takes queueMutex_,
+  // and this check follows the push under queueMutex_, so one of the two
+  // always sees the other. Otherwise the loop runs on the manager's queue,
+  // since starting a call costs more than the caller should pay.
+  if (inFlight_.load() >= kMaxInFlight) return;
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->sendPending();
   });
 }
 
@@ -157,10 +193,13 @@ void OVRequestManager::freeSlots(int count) {
   sendPending();
 }
 
-DeviceFacts OVRequestManager::currentFacts() {
+std::shared_ptr<const DeviceFacts> OVRequestManager::currentFacts() {
   support::MutexLock lock(factsMutex_);
-  if (!facts_) facts_ = options_.deviceFacts ? options_.deviceFacts() : DeviceFacts{};
-  return *facts_;
+  if (!facts_) {
+    facts_ = std::make_shared<const DeviceFacts>(options_.deviceFacts ? options_.deviceFacts()
+                                                                     : DeviceFacts{});
+  }
+  return facts_;  // shared, not copied: a send needs only to read them
 }
 
 void OVRequestManager::sendPending() {
@@ -185,52 +224,74 @@ void OVRequestManager::send(Pending pending) {
     std::string why;
     if (!request.restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
   }
-  const DeviceFacts facts = currentFacts();
+  const std::shared_ptr<const DeviceFacts> facts = currentFacts();
   const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
-  auto eventRequest =
-      buildEventRequest(request.params().value_or(nlohmann::json::object()), facts, identity);
+  static const nlohmann::json kNoParams = nlohmann::json::object();
+  auto eventRequest = buildEventRequest(request.params() ? *request.params() : kNoParams, *facts,
+                                        identity);
+  // The request goes to the call as it is; a copy is kept only for the
+  // log line, when the log is on.
+  std::shared_ptr<const protocol::EventRequest> logged;
+  if (logEnabled()) logged = std::make_shared<const protocol::EventRequest>(eventRequest);
 
   ++inFlight_;
   auto call = stub_->prepareFireEvent(
-      eventRequest,
-      [weak = weak_from_this(), pending, eventRequest](std::optional<protocol::EventResponse> reply,
-                                                       std::optional<Error> error) {
+      std::move(eventRequest),
+      [weak = weak_from_this(), pending = std::move(pending), logged = std::move(logged)](
+          std::optional<protocol::EventResponse> reply, std::optional<Error> error) {
         auto self = weak.lock();
         if (!self) return;
-        self->handleReply(pending, eventRequest, std::move(reply), std::move(error));
+        self->handleReply(pending, logged.get(), std::move(reply), std::move(error));
       },
       options_.callTimeout);
   EventdStub::FireEventCall::start(std::move(call));
 }
 
 void OVRequestManager::handleReply(const Pending& pending,
-                                   const protocol::EventRequest& eventRequest,
+                                   const protocol::EventRequest* eventRequest,
                                    std::optional<protocol::EventResponse> reply,
                                    std::optional<Error> error) {
+  const std::string description = eventRequest ? eventRequest->ShortDebugString() : std::string();
   const auto& request = pending.request;
   const std::string id = request->requestIdText();
   const std::string key = claimKey(*request);
   if (reply) {
     // Any reply counts as accepted, whatever its status. The slot stays
     // taken until the row's delete has committed.
-    auto after = [this, pending, eventRequest, id, status = reply->status(), response = *reply] {
+    auto after = [this, pending, description, id, status = reply->status(),
+                  response = std::move(*reply)] {
       if (logEnabled()) {
         support::printLine("\n✅✅✅Request address = " + options_.host +
-                           " \n request parameter = " + eventRequest.ShortDebugString() +
+                           " \n request parameter = " + description +
                            " \n return data = " + (status ? "1" : "0") + " \n cache ID = " + id);
       }
       if (pending.success) pending.success(response);
     };
-    bool deleteHere = false;
+    Acknowledged entry{key, request->rowId(), id, std::move(after)};
     {
+      // While a caller is inside submit(), its commit takes the row along
+      // (or it schedules the delete when it leaves).
       support::MutexLock lock(deleteMutex_);
-      acknowledged_.push_back({key, request->rowId(), id, std::move(after)});
-      deleteHere = !deleteScheduled_;
-      deleteScheduled_ = true;
+      if (callersInside_.load() > 0) {
+        acknowledged_.push_back(std::move(entry));
+        return;
+      }
     }
-    // The first reply to find no delete under way deletes right here, with
-    // whatever other replies have joined by then; the rest only join.
-    if (deleteHere) deleteAcknowledged();
+    // Otherwise the row is deleted right here and its slot used again at
+    // once. Replies landing together are not batched into one commit: that
+    // makes the three calls go out and come back in lockstep, which costs
+    // both sides more than the commits it saves.
+    bool deleted = true;
+    if (options_.cache && options_.cache->isAvailable()) {
+      if (entry.rowId) {
+        deleted = options_.cache->deleteRows({*entry.rowId});
+      } else {
+        options_.cache->deleteRequest(entry.requestId);
+      }
+    }
+    std::vector<Acknowledged> one;
+    one.push_back(std::move(entry));
+    settleDeleted(one, deleted);
     return;
   }
 
@@ -262,7 +323,7 @@ void OVRequestManager::handleReply(const Pending& pending,
 
   if (logEnabled()) {
     support::printLine("\n❌❌❌Failure message = " + error.value_or(Error{}).message +
-                       " \nRequest parameter = " + eventRequest.ShortDebugString() +
+                       " \nRequest parameter = " + description +
                        " \nCache ID = " + id);
   }
   if (pending.failure) pending.failure(error.value_or(Error{kGrpcErrorDomain, 2, "no reply"}));
@@ -287,11 +348,22 @@ void OVRequestManager::deleteAcknowledged() {
     std::vector<Acknowledged> batch;
     {
       support::MutexLock lock(deleteMutex_);
-      if (acknowledged_.empty()) {
+      if (callersInside_.load() > 0) {
+        // A caller inside takes the cached rows with its insert, or
+        // schedules this again when it leaves (leaveCaller() checks after
+        // lowering the count): deleting them here would only make it wait.
+        auto cached = std::stable_partition(
+            acknowledged_.begin(), acknowledged_.end(),
+            [](const Acknowledged& entry) { return !entry.rowId; });
+        std::move(acknowledged_.begin(), cached, std::back_inserter(batch));
+        acknowledged_.erase(acknowledged_.begin(), cached);
+      } else {
+        batch.swap(acknowledged_);
+      }
+      if (batch.empty()) {
         deleteScheduled_ = false;
         return;
       }
-      batch.swap(acknowledged_);
     }
     std::vector<std::int64_t> rows;
     std::vector<std::string> ids;
@@ -308,18 +380,54 @@ void OVRequestManager::deleteAcknowledged() {
       deleted = options_.cache->deleteRows(rows);
       options_.cache->deleteRequests(ids);
     }
-    if (deleted) {
-      support::MutexLock lock(queueMutex_);
-      for (const auto& entry : batch) {
-        underWay_.erase(entry.key);
-        if (leases_ && entry.rowId) leases_->release(*entry.rowId);
-      }
-    } else {
-      reportFailedDelete(rows.size());  // their claims stay: never sent again here
-    }
-    freeSlots(static_cast<int>(batch.size()));
-    for (auto& entry : batch) entry.after();
+    settleDeleted(batch, deleted);
   }
+}
+
+void OVRequestManager::settleDeleted(std::vector<Acknowledged>& batch, bool deleted) {
+  if (deleted) {
+    support::MutexLock lock(queueMutex_);
+    for (const auto& entry : batch) {
+      underWay_.erase(entry.key);
+      if (leases_ && entry.rowId) leases_->release(*entry.rowId);
+    }
+  } else {
+    std::size_t rows = 0;
+    for (const auto& entry : batch) rows += entry.rowId ? 1 : 0;
+    reportFailedDelete(rows);  // their claims stay: never sent again here
+  }
+  freeSlots(static_cast<int>(batch.size()));
+  for (auto& entry : batch) entry.after();
+}
+
+std::vector<OVRequestManager::Acknowledged> OVRequestManager::takeAcknowledgedRows() {
+  std::vector<Acknowledged> taken;
+  support::MutexLock lock(deleteMutex_);
+  // Envelopes that were never cached are deleted by request id, in a
+  // transaction of their own: they stay for deleteAcknowledged().
+  auto cached = std::stable_partition(acknowledged_.begin(), acknowledged_.end(),
+                                      [](const Acknowledged& entry) { return !entry.rowId; });
+  std::move(cached, acknowledged_.end(), std::back_inserter(taken));
+  acknowledged_.erase(cached, acknowledged_.end());
+  return taken;
+}
+
+std::vector<std::int64_t> OVRequestManager::rowsOf(const std::vector<Acknowledged>& batch) {
+  std::vector<std::int64_t> rows;
+  rows.reserve(batch.size());
+  for (const auto& entry : batch) rows.push_back(*entry.rowId);
+  return rows;
+}
+
+void OVRequestManager::scheduleDeletes() {
+  {
+    support::MutexLock lock(deleteMutex_);
+    if (acknowledged_.empty() || deleteScheduled_) return;
+    deleteScheduled_ = true;
+  }
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->deleteAcknowledged();
+  });
 }
 
 void OVRequestManager::startTimer() {
@@ -372,13 +480,16 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
   // has committed: a row read before that delete but leased after it is
   // gone now, and must not be sent again.
   const auto existing = options_.cache->rowIds();
+  std::vector<Pending> pending;
+  pending.reserve(claimed.size());
   for (auto& row : claimed) {
     if (row->rowId() && !existing.count(*row->rowId())) {
       release(*row);
       continue;
     }
-    enqueueClaimed(Pending{std::move(row), success, failure});
+    pending.push_back(Pending{std::move(row), success, failure});
   }
+  enqueueClaimed(std::move(pending));
 }
 
 }  // namespace velquin

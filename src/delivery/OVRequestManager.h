@@ -28,10 +28,15 @@
 // are taken, envelopes wait in the queue, and whoever frees a slot (a reply
 // on a gRPC callback thread, or a committed delete) runs the
 // loop again right there. No thread ever waits for a slot, so the fourth
-// request can neither deadlock a callback thread nor be lost. Acknowledged
-// rows are deleted in batches on the callback thread of the reply that
-// found no delete under way (replies landing meanwhile join its batch); an
-// envelope's success block runs there after its row is gone. The 60-second
+// request can neither deadlock a callback thread nor be lost. submit()
+// queues on the caller's thread and wakes the manager's queue only when a
+// slot is free. A reply deletes its row on its own callback thread and uses
+// the freed slot right there; an envelope's success block runs there after
+// its row is gone. While a producer is inside a CallerScope (OVAnalytics
+// holds one while it records an event) or submit(), replies leave their
+// rows to it instead: its insert's transaction deletes them too (one commit,
+// and the caller never waits behind a delete), and their slots are freed
+// and blocks run on the manager's queue after that commit. The 60-second
 // timer runs on the main queue. Replies and queued blocks hold the manager
 // weakly; the last reference may go on any of these threads, the manager's
 // own queues included. An envelope's blocks are the ones given when it was
@@ -90,6 +95,24 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   static std::shared_ptr<OVRequestManager> create(Options options);
   ~OVRequestManager();
 
+  // Marks the calling thread as a producer about to submit(): while one is
+  // alive, replies leave their deletes to the next submit()'s commit (see
+  // the top of this file). A producer holds one around building and
+  // submitting an event, so replies landing while it builds the envelope
+  // do not hold up its insert with a delete of their own.
+  class CallerScope {
+   public:
+    explicit CallerScope(OVRequestManager& manager) : manager_(manager) {
+      ++manager_.callersInside_;
+    }
+    ~CallerScope() { manager_.leaveCaller(); }
+    CallerScope(const CallerScope&) = delete;
+    CallerScope& operator=(const CallerScope&) = delete;
+
+   private:
+    OVRequestManager& manager_;
+  };
+
   // Writes the envelope to the cache (setting its rowId) and queues it.
   // True when the row was written; false when the cache is unavailable or
   // the write failed: the event is then still sent, but without
@@ -128,22 +151,44 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
     SuccessBlock success;
     FailureBlock failure;
   };
+  struct Acknowledged {
+    std::string key;                    // claim key
+    std::optional<std::int64_t> rowId;  // none: delete by request id
+    std::string requestId;
+    std::function<void()> after;  // log line and success block
+  };
 
   explicit OVRequestManager(Options options);
   // The key a row is claimed under: its pkid, or its request id for an
   // envelope that was never cached; empty when it has neither.
   static std::string claimKey(const OVRequest& request);
   bool hasCredentials() const { return !options_.hasCredentials || options_.hasCredentials(); }
-  // Queues an envelope whose claim is held already, then runs the loop.
-  void enqueueClaimed(Pending pending);
+  // Queues envelopes whose claims are held already, in order, and makes
+  // sure the send loop runs when a slot is free.
+  void enqueueClaimed(std::vector<Pending> pendings);
   // The send loop: sends waiting envelopes while a call slot is free.
   void sendPending();
   void send(Pending pending);
-  void handleReply(const Pending& pending, const protocol::EventRequest& eventRequest,
+  // `eventRequest`: the request as sent, kept only while the log is on.
+  void handleReply(const Pending& pending, const protocol::EventRequest* eventRequest,
                    std::optional<protocol::EventResponse> reply, std::optional<Error> error);
   // Deletes the acknowledged rows collected so far, frees their slots,
   // then runs their blocks.
   void deleteAcknowledged();
+  // After a batch's delete: drops the claims (or keeps them when the delete
+  // failed), frees the slots, runs the blocks.
+  void settleDeleted(std::vector<Acknowledged>& batch, bool deleted);
+  // Takes the acknowledged envelopes that have a cached row.
+  std::vector<Acknowledged> takeAcknowledgedRows();
+  static std::vector<std::int64_t> rowsOf(const std::vector<Acknowledged>& batch);
+  // Hands acknowledged envelopes nobody is deleting to the manager's queue.
+  void scheduleDeletes();
+  // The end of a caller's scope: lowered first, then checked, so a reply
+  // either sees no caller inside or has its row seen here.
+  void leaveCaller() {
+    --callersInside_;
+    scheduleDeletes();
+  }
   // Deletes the row of an envelope given up; true when it is gone.
   bool deleteRow(const OVRequest& request);
   // Drops the claim and the lease of a row.
@@ -154,7 +199,7 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
       REQUIRES(queueMutex_);
   void freeSlots(int count);
   void reportFailedDelete(std::size_t rows);
-  DeviceFacts currentFacts();
+  std::shared_ptr<const DeviceFacts> currentFacts();
   bool logEnabled() const { return options_.logEnabled && options_.logEnabled(); }
 
   const Options options_;
@@ -176,17 +221,16 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   std::optional<MainQueue::TimerId> timer_ GUARDED_BY(timerMutex_);
 
   support::Mutex factsMutex_;
-  std::optional<DeviceFacts> facts_ GUARDED_BY(factsMutex_);  // refreshed by uploadCacheData
+  std::shared_ptr<const DeviceFacts> facts_ GUARDED_BY(factsMutex_);  // refreshed by uploadCacheData
 
-  struct Acknowledged {
-    std::string key;                    // claim key
-    std::optional<std::int64_t> rowId;  // none: delete by request id
-    std::string requestId;
-    std::function<void()> after;  // log line and success block
-  };
   support::Mutex deleteMutex_;
+  // Acknowledged envelopes left by replies to a caller, or to the manager's
+  // queue once the caller has gone.
   std::vector<Acknowledged> acknowledged_ GUARDED_BY(deleteMutex_);
-  bool deleteScheduled_ GUARDED_BY(deleteMutex_) = false;  // a batch is being taken
+  bool deleteScheduled_ GUARDED_BY(deleteMutex_) = false;  // deleteAcknowledged() will run
+  // Callers inside a CallerScope or submit(); while there is one, replies
+  // leave their deletes to the next submit()'s commit.
+  std::atomic<int> callersInside_{0};
 
   // Last: destroyed first, so queued work finishes while the rest exists.
   support::SerialQueue addDelQueue_{"com.addDel.www"};

@@ -7,6 +7,7 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <algorithm>
+#include <cerrno>
 #include <atomic>
 #include <cctype>
 #include <charconv>
@@ -15,6 +16,7 @@
 #include <limits>
 #include <optional>
 
+#include "delivery/WalSurvey.h"
 #include "support/Console.h"
 #include "velquin/Bundle.h"
 
@@ -220,8 +222,18 @@ ZKFMDB::~ZKFMDB() {
     std::lock_guard lock(queueMutex_);
     dbQueue_.reset();  // runs what is still queued
   }
+  {
+    // Not under queueMutex_: a checkpoint still queued runs first.
+    std::unique_ptr<support::SerialQueue> checkpoints;
+    {
+      std::lock_guard lock(queueMutex_);
+      checkpoints = std::move(checkpointQueue_);
+    }
+    checkpoints.reset();
+  }
   std::lock_guard lock(mutex_);
   closeLocked();
+  if (openLock_ >= 0) ::close(openLock_);
 }
 
 support::SerialQueue& ZKFMDB::dbQueue() {
@@ -244,23 +256,151 @@ void ZKFMDB::closeLocked() {
   statements_.clear();  // statements go before the connection they belong to
   columns_.clear();
   db_.reset();
+  // The checkpoint connection follows: the file may be about to be moved
+  // aside, and it must not keep checkpointing the old one.
+  std::lock_guard lock(checkpointMutex_);
+  checkpointDb_.reset();
 }
+
+int ZKFMDB::walCommitted(void* self, sqlite3*, const char*, int frames) {
+  auto* store = static_cast<ZKFMDB*>(self);
+  if (frames < kCheckpointFrames || store->checkpointScheduled_.exchange(true)) return SQLITE_OK;
+  store->checkpointQueue().async([store] {
+    store->checkpointPassive();
+    store->checkpointScheduled_ = false;
+  });
+  return SQLITE_OK;
+}
+
+support::SerialQueue& ZKFMDB::checkpointQueue() {
+  std::lock_guard lock(queueMutex_);
+  if (!checkpointQueue_) {
+    checkpointQueue_ = std::make_unique<support::SerialQueue>("ZKFMDB checkpoint");
+  }
+  return *checkpointQueue_;
+}
+
+void ZKFMDB::checkpointPassive() {
+  std::lock_guard lock(checkpointMutex_);
+  try {
+    if (!checkpointDb_) {
+      checkpointDb_ = std::make_unique<SQLite::Database>(dbPath_.string(), SQLite::OPEN_READWRITE,
+                                                         kBusyTimeoutMs);
+      checkpointDb_->exec("PRAGMA synchronous=NORMAL");
+    }
+    // Copies what it can without waiting for anyone; writers go on
+    // meanwhile, and the log starts over at the first write after it has
+    // been copied in full.
+    checkpointDb_->exec("PRAGMA wal_checkpoint(PASSIVE)");
+  } catch (const SQLite::Exception& error) {
+    checkpointDb_.reset();  // opened afresh next time
+    support::warn(std::string("ZKFMDB: checkpoint failed: ") + error.what());
+  }
+}
+
+void ZKFMDB::drainCheckpoints() { checkpointQueue().sync([] {}); }
 
 bool ZKFMDB::openLocked() {
   if (db_) return true;
+  // Alone, a write-ahead log left behind is nobody's work in progress:
+  // SQLite is about to recover it, and silently drops what lies after a
+  // damaged frame. A damaged log is copied aside first.
+  const bool alone = lockForOpenLocked();
+  WalCheck walCheck;
+  if (alone) walCheck = inspectWalLocked();
+  bool opened = false;
   bool corrupt = false;
   std::string reason;
-  if (openFileLocked(corrupt, reason)) return true;
-  if (corrupt) {
+  if (openFileLocked(corrupt, reason)) {
+    opened = true;
+    if (alone) reportWalLocked(walCheck);
+  } else if (corrupt) {
     const std::string aside = moveAsideLocked(reason);
     corrupt = false;
     if (openFileLocked(corrupt, reason)) {
       salvageLocked(aside);
-      return true;
+      opened = true;
     }
   }
-  support::warn("ZKFMDB: can not open " + dbPath_.string() + ": " + reason);
-  return false;
+  shareOpenLockLocked();
+  if (!opened) support::warn("ZKFMDB: can not open " + dbPath_.string() + ": " + reason);
+  return opened;
+}
+
+bool ZKFMDB::lockForOpenLocked() {
+  if (openLock_ < 0) {
+    openLock_ = ::open((dbPath_.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  }
+  if (openLock_ < 0) return false;  // cannot tell: leave the log to SQLite
+  // Open file description locks: held by this instance's descriptor, so
+  // instances in one process keep each other out as processes do.
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  return ::fcntl(openLock_, F_OFD_SETLK, &lock) == 0;
+}
+
+void ZKFMDB::shareOpenLockLocked() {
+  if (openLock_ < 0) return;
+  struct flock lock {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  // Waits only while another instance inspects its log at open.
+  while (::fcntl(openLock_, F_OFD_SETLKW, &lock) != 0 && errno == EINTR) {
+  }
+}
+
+ZKFMDB::WalCheck ZKFMDB::inspectWalLocked() {
+  WalCheck check;
+  const std::filesystem::path wal = dbPath_.string() + "-wal";
+  check.survey = surveyWal(wal);
+  if (!check.survey.damaged()) return check;
+  const std::string original = dbPath_.string();
+  std::string aside = original + ".wal-damaged-" + timeStamp();
+  std::error_code error;
+  for (int n = 1; std::filesystem::exists(aside, error); ++n) {
+    aside = original + ".wal-damaged-" + timeStamp() + "-" + std::to_string(n);
+  }
+  if (std::filesystem::copy_file(wal, aside, error)) {
+    check.copy = aside;
+  } else {
+    check.copyError = error.message();
+  }
+  return check;
+}
+
+void ZKFMDB::reportWalLocked(const WalCheck& check) {
+  // The survey replays recovery; a log it finds whole costs nothing more
+  // here (a checkpoint at every start after an unclean exit would).
+  if (!check.survey.damaged()) return;
+  // What recovery kept: the log's frame count, from a passive checkpoint.
+  std::uint32_t kept = check.survey.recoverable;
+  try {
+    SQLite::Statement checkpoint(*db_, "PRAGMA wal_checkpoint");
+    if (checkpoint.executeStep() && checkpoint.getColumn(1).getInt64() >= 0) {
+      kept = static_cast<std::uint32_t>(checkpoint.getColumn(1).getInt64());
+    }
+  } catch (const SQLite::Exception&) {
+  }
+  if (check.survey.lastIntactCommit <= kept) {
+    // Nothing committed was dropped (at most a transaction cut short by
+    // the end of the process): a copy made on a wrong guess goes again.
+    std::error_code ignored;
+    if (!check.copy.empty()) std::filesystem::remove(check.copy, ignored);
+    return;
+  }
+  std::string where;
+  if (!check.copy.empty()) {
+    where = "; the damaged log is kept as " + check.copy;
+  } else {
+    where = "; the damaged log could not be copied aside" +
+            (check.copyError.empty() ? std::string() : " (" + check.copyError + ")");
+  }
+  support::warn("ZKFMDB: the write-ahead log of " + dbPath_.string() + " is damaged: " +
+                std::to_string(check.survey.framesAfter(kept)) + " frame(s) after frame " +
+                std::to_string(kept) + " were lost with the rows written in them" + where);
 }
 
 bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {
@@ -281,6 +421,9 @@ bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {
     // fails here with SQLITE_NOTADB.
     db->exec("PRAGMA journal_mode=WAL");
     db->exec("PRAGMA synchronous=NORMAL");
+    // No checkpoint inside a commit: the hook replaces SQLite's automatic
+    // one and hands the work to the checkpoint thread.
+    sqlite3_wal_hook(db->getHandle(), &ZKFMDB::walCommitted, this);
     {
       SQLite::Statement check(*db, "PRAGMA quick_check");
       if (check.executeStep()) {
@@ -610,7 +753,11 @@ bool ZKFMDB::zk_checkpointWithoutWaiting() {
 }
 
 bool ZKFMDB::zk_executePrepared(const std::string& sql, const ZKArgs& args) {
-  return guarded("statement", false, [&] {
+  return executeCached("statement", sql, args);
+}
+
+bool ZKFMDB::executeCached(const char* what, const std::string& sql, const ZKArgs& args) {
+  return guarded(what, false, [&] {
     SQLite::Statement& statement = cachedLocked(sql);
     for (std::size_t i = 0; i < args.size(); ++i) {
       bindValue(statement, static_cast<int>(i + 1), args[i]);
@@ -889,7 +1036,9 @@ bool ZKFMDB::zk_inTransaction(const std::function<void(bool& rollback)>& block) 
   if (!block) return false;
   bool committed = false;
   dbQueue().sync([&] {
-    const bool began = execute("begin transaction", "BEGIN EXCLUSIVE TRANSACTION");
+    // Kept prepared, like the statements of the hot paths: every event's
+    // insert runs in a transaction of its own.
+    const bool began = executeCached("begin transaction", "BEGIN EXCLUSIVE TRANSACTION");
     bool rollback = false;
     try {
       block(rollback);
@@ -901,8 +1050,8 @@ bool ZKFMDB::zk_inTransaction(const std::function<void(bool& rollback)>& block) 
       rollback = true;
     }
     if (began) {
-      const bool ended = execute(rollback ? "rollback" : "commit",
-                                 rollback ? "ROLLBACK TRANSACTION" : "COMMIT TRANSACTION");
+      const bool ended = executeCached(rollback ? "rollback" : "commit",
+                                       rollback ? "ROLLBACK TRANSACTION" : "COMMIT TRANSACTION");
       committed = ended && !rollback;
     }
   });

@@ -27,8 +27,26 @@
 // renamed aside (never deleted) and a fresh database is opened in its place,
 // with every table and row that could still be read from the damaged file.
 // The file is created readable by its owner only.
+//
+// A damaged write-ahead log is never silent: SQLite's recovery drops every
+// frame after the first one whose checksum fails. When an instance opens
+// the file while no other instance (of any process) has it open, a log left
+// behind is surveyed first (WalSurvey); if committed transactions lie past
+// a break, the log is copied aside as "<database>.wal-damaged-<time>" (kept,
+// never deleted) before SQLite recovers it, and one warning names the copy
+// and the frames lost. A transaction cut short at the end of the log (the
+// process died while appending it) is no damage: it never committed, and
+// nobody was told it was stored. Instances tell each other apart through
+// the side file "<database>.lock": each holds a shared open file
+// description lock on it while it may use the database, and takes it
+// exclusively for the check at open.
+//
+// Checkpoints never run inside a commit: once the log holds 1000 frames a
+// commit hands a passive checkpoint to a thread of its own, on a second
+// connection, and writers go on meanwhile.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -41,7 +59,10 @@
 #include <vector>
 
 #include "delivery/ModelRegistry.h"
+#include "delivery/WalSurvey.h"
 #include "support/SerialQueue.h"
+
+struct sqlite3;
 
 namespace SQLite {
 class Database;
@@ -103,6 +124,8 @@ class ZKFMDB {
   ZKFMDB& operator=(const ZKFMDB&) = delete;
 
   const std::filesystem::path& dbPath() const { return dbPath_; }
+  // Waits until the checkpoints scheduled so far have run (for tests).
+  void drainCheckpoints();
   // The serial database queue, created at first use. Its blocks and the
   // direct operations share one connection.
   support::SerialQueue& dbQueue();
@@ -208,7 +231,33 @@ class ZKFMDB {
  private:
   explicit ZKFMDB(std::filesystem::path path);
 
+  // Log frames after which a commit schedules a checkpoint (SQLite's own
+  // automatic checkpoint would run inside that commit, at the same size).
+  static constexpr int kCheckpointFrames = 1000;
+  // SQLite's commit hook for the log (sqlite3_wal_hook); runs on the
+  // committing thread.
+  static int walCommitted(void* self, sqlite3* db, const char* name, int frames);
+  support::SerialQueue& checkpointQueue();
+  // A passive checkpoint on the checkpoint connection (checkpoint thread).
+  void checkpointPassive();
+
+  // A log found at open: its survey, and where a damaged one was copied.
+  struct WalCheck {
+    WalSurvey survey;
+    std::string copy;       // empty when none was made
+    std::string copyError;  // why a copy could not be made
+  };
+
   bool openLocked();
+  // Takes the side file's lock exclusively; true when no other instance
+  // (of this or another process) has the database open.
+  bool lockForOpenLocked();
+  // Back to the shared lock held while this instance may use the file.
+  void shareOpenLockLocked();
+  // Before SQLite opens the file: surveys the log, copies a damaged one.
+  WalCheck inspectWalLocked();
+  // After it opened: logs one warning when committed frames were dropped.
+  void reportWalLocked(const WalCheck& check);
   bool openFileLocked(bool& corrupt, std::string& reason);
   // Renames the file (and its WAL) aside; the new name, empty on failure.
   std::string moveAsideLocked(const std::string& reason);
@@ -227,6 +276,8 @@ class ZKFMDB {
   bool insertRecordLocked(const std::string& table, const ZKRecord& record);
   bool executeLocked(const std::string& sql, const ZKArgs& args);
   bool execute(const char* what, const std::string& sql, const ZKArgs& args = {});
+  // execute() with the statement kept prepared for the next call.
+  bool executeCached(const char* what, const std::string& sql, const ZKArgs& args = {});
   bool updateWith(const std::string& table, const std::function<ZKRow(const std::vector<std::string>&)>& values,
                   const std::string& whereFormat, const ZKArgs& args);
 
@@ -242,8 +293,23 @@ class ZKFMDB {
   std::unordered_map<std::string, std::vector<std::string>> columns_;  // guarded by mutex_
   std::uint64_t columnsGeneration_ = 0;                                // guarded by mutex_
 
+  // The side file "<database>.lock": shared-locked (an open file
+  // description lock) while this instance may use the database, taken
+  // exclusively for the log check at open. -1 until the first open, or
+  // when the file cannot be made.
+  int openLock_ = -1;  // guarded by mutex_
+
   std::mutex queueMutex_;
   std::unique_ptr<support::SerialQueue> dbQueue_;  // guarded by queueMutex_; set once
+  // Runs checkpoints; created at the first one.
+  std::unique_ptr<support::SerialQueue> checkpointQueue_;  // guarded by queueMutex_
+
+  // Lock order: mutex_ before checkpointMutex_.
+  std::mutex checkpointMutex_;
+  // A second connection, used only to checkpoint, so that copying the log
+  // into the file never holds up a commit on db_.
+  std::unique_ptr<SQLite::Database> checkpointDb_;  // guarded by checkpointMutex_
+  std::atomic<bool> checkpointScheduled_{false};    // set by a commit, cleared by the checkpoint
 };
 
 }  // namespace velquin

@@ -69,14 +69,19 @@ void SerialQueue::sync(const std::function<void()>& block) {
   // hand-over to the queue thread and back.
   State& state = *state_;
   std::unique_lock lock(state.mutex);
+  ++state.syncWaiters;
   state.wake.wait(lock, [&state] { return !state.busy && state.pending.empty(); });
+  --state.syncWaiters;
   state.busy = true;
   lock.unlock();
   invoke(state, block);
   lock.lock();
   state.busy = false;
+  // Only a thread that waits needs the signal: waking the idle worker for
+  // nothing costs the next caller a context switch on a busy machine.
+  const bool wake = state.syncWaiters > 0 || !state.pending.empty() || state.stopping;
   lock.unlock();
-  state.wake.notify_all();
+  if (wake) state.wake.notify_all();
 }
 
 bool SerialQueue::isCurrent() const {
@@ -115,7 +120,9 @@ void SerialQueue::run(std::shared_ptr<State> state) {
     block = nullptr;
     lock.lock();
     state->busy = false;
-    state->wake.notify_all();
+    // The worker itself takes the next pending block; only sync() callers
+    // waiting for the queue to be idle need a signal.
+    if (state->syncWaiters > 0) state->wake.notify_all();
   }
 }
 

@@ -55,6 +55,7 @@ class SerialQueue {
     std::deque<std::function<void()>> pending;    // guarded by mutex
     bool busy = false;                            // guarded by mutex: a block is running
     bool stopping = false;                        // guarded by mutex
+    int syncWaiters = 0;                          // guarded by mutex: sync() calls waiting
   };
 
   static void run(std::shared_ptr<State> state);

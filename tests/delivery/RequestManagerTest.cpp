@@ -325,6 +325,37 @@ TEST_F(Delivery, ACallSlotIsFreeOnlyOnceItsRowIsDeleted) {
   EXPECT_EQ(server.received().size(), 9u);
 }
 
+TEST_F(Delivery, RepliesLandingWhileACallerWritesLeaveTheirDeletesToItsCommit) {
+  // Three calls in flight, two events waiting for a slot.
+  server.setHold(true);
+  for (int i = 0; i < 5; ++i) manager->submit(envelope("ev_mixed_" + std::to_string(i)));
+  ASSERT_TRUE(server.waitForHeld(3));
+  // A caller stuck at the database queue is inside submit() when the
+  // replies land: their rows must leave with its commit, and their slots
+  // stay taken until then.
+  std::promise<void> gate;
+  std::shared_future<void> opened = gate.get_future().share();
+  store->dbQueue().async([opened] { opened.wait(); });
+  struct Open {
+    std::promise<void>& gate;
+    ~Open() { gate.set_value(); }
+  };
+  std::thread caller;
+  {
+    Open open{gate};
+    caller = std::thread([&] { manager->submit(envelope("ev_mixed_5")); });
+    server.setHold(false);
+    server.releaseAll();
+    EXPECT_FALSE(server.waitForReceived(4, 500ms)) << "a slot was reused before its delete";
+  }
+  caller.join();
+  EXPECT_TRUE(waitForRows(0));
+  ASSERT_TRUE(waitIdle(manager));
+  auto seen = receivedNames();
+  EXPECT_EQ(seen.size(), 6u);
+  for (const auto& [name, times] : seen) EXPECT_EQ(times, 1) << name;
+}
+
 TEST_F(Delivery, ARowWhoseDeleteFailsIsNotSentAgainByThisProcess) {
   stored("ev_stuck");
   ASSERT_TRUE(store->zk_executeUpdate("PRAGMA query_only = ON"));  // every write now fails

@@ -265,6 +265,26 @@ TEST_F(ZKFMDBTest, SharedInstanceLivesInTheDataFolderInWalMode) {
   EXPECT_EQ(raw.execAndGet("PRAGMA journal_mode").getString(), "wal");
 }
 
+TEST_F(ZKFMDBTest, TheLogIsCheckpointedAndStartsOverWithoutWritersWaiting) {
+  // Commits never checkpoint themselves; the checkpoint thread must still
+  // keep the log from growing without end.
+  ASSERT_TRUE(db_->zk_createTable("t", ZKColumns{{"v", "TEXT"}}));
+  for (int i = 0; i < 1500; ++i) {
+    ASSERT_TRUE(db_->zk_insertTable("t", ZKRow{{"v", std::string(200, 'x')}}));
+  }
+  // Each checkpoint copies what was committed when it began; the log
+  // starts over at the first commit after one has copied it all.
+  for (int i = 0; i < 2; ++i) {
+    db_->drainCheckpoints();
+    ASSERT_TRUE(db_->zk_insertTable("t", ZKRow{{"v", std::string(200, 'y')}}));
+  }
+  SQLite::Database raw(db_->dbPath().string(), SQLite::OPEN_READWRITE);
+  SQLite::Statement checkpoint(raw, "PRAGMA wal_checkpoint");
+  ASSERT_TRUE(checkpoint.executeStep());
+  EXPECT_LT(checkpoint.getColumn(1).getInt64(), 10);  // frames in the log
+  EXPECT_EQ(db_->zk_tableItemCount("t"), 1502);
+}
+
 TEST_F(ZKFMDBTest, CorruptFilesAreMovedAsideAndReplaced) {
   const auto garbage = folder() / "garbage.sqlite";
   std::ofstream(garbage) << std::string(8192, 'x');
