@@ -1,11 +1,7 @@
 // The crash report engine end to end: a child process (crash_victim) enables
 // the engine and really crashes; the test then loads, parses, formats and
 // purges the report it left, as the next start of an application would.
-#include <poll.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -21,53 +17,21 @@
 
 #include "crash/CrashEngine.h"
 #include "crash/CrashReport.h"
+#include "support/ChildProcess.h"
 #include "support/TempEnvironment.h"
-
-extern char** environ;
 
 namespace velquin::crash {
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Outcome {
-  bool finished = false;  // false: still running after the time limit (killed)
-  bool killedBySignal = false;
-  int signal = 0;
-  int exitCode = 0;
-};
+using Outcome = velquin::testing::ChildRun;
 
 // Runs crash_victim and waits for it, at most 60 s (a hang fails the test
 // instead of stalling the suite).
 Outcome runVictim(const std::vector<std::string>& arguments) {
-  const std::string program = (velquin::testing::binDir() / "crash_victim").string();
-  std::vector<char*> argv{const_cast<char*>(program.c_str())};
-  for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  Outcome outcome;
-  if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
-    ADD_FAILURE() << "cannot start " << program;
-    return outcome;
-  }
-  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd >= 0) {
-    pollfd exited{pidfd, POLLIN, 0};
-    const int ready = poll(&exited, 1, 60000);
-    close(pidfd);
-    if (ready != 1) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-      return outcome;
-    }
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  outcome.finished = true;
-  outcome.killedBySignal = WIFSIGNALED(status);
-  outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-  outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return outcome;
+  return velquin::testing::ChildProcess::run((velquin::testing::binDir() / "crash_victim").string(),
+                                             arguments, std::chrono::seconds(60), true);
 }
 
 struct Delivered {
@@ -165,7 +129,7 @@ TEST_P(FatalSignalTest, TheProcessDiesByItsSignalAndTheNextStartReadsAReportNami
   const FatalSignalCase& c = GetParam();
   const Outcome outcome = runVictim({folder_.string(), c.way});
   ASSERT_TRUE(outcome.finished) << "the crashing process hung";
-  ASSERT_TRUE(outcome.killedBySignal) << "exit code " << outcome.exitCode;
+  ASSERT_NE(outcome.signal, 0) << "exit code " << outcome.exitCode << ": " << outcome.output;
   EXPECT_EQ(outcome.signal, c.signal);
 
   const auto delivered = deliver();
