@@ -10,8 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <fstream>
+#include <regex>
 #include <thread>
 
 #include "analytics/OVDeviceInfoManagerHelper.h"
@@ -63,12 +63,7 @@ TEST(DeviceIdentifier, NoBundleIdentifierUsesTheFallbackKeyAndTheMachineId) {
   FakeEnv fake(env.root() / "keychain.plist");  // the machine's own vendor id
   std::string id = OVDeviceInfoManager(fake, "").deviceIdentifier();
   EXPECT_EQ(fake.keychain().load(std::string(OVDeviceInfoManager::kFallbackKeychainName) + ".deviceID"), id);
-  bool upperUuid = id.size() == 36;
-  for (size_t i = 0; upperUuid && i < id.size(); ++i) {
-    upperUuid = (i == 8 || i == 13 || i == 18 || i == 23) ? id[i] == '-'
-                                                          : std::isxdigit(id[i]) && !std::islower(id[i]);
-  }
-  EXPECT_TRUE(upperUuid) << id;
+  EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"))) << id;
   // The machine id differs per application (or is missing for all).
   EXPECT_EQ(platform::vendorIdentifier("com.example.a") ==
                 platform::vendorIdentifier("com.example.b"),
