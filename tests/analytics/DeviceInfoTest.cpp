@@ -10,8 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <fstream>
+#include <regex>
 #include <thread>
 
 #include "analytics/OVDeviceInfoManagerHelper.h"
@@ -63,12 +63,7 @@ TEST(DeviceIdentifier, NoBundleIdentifierUsesTheFallbackKeyAndTheMachineId) {
   FakeEnv fake(env.root() / "keychain.plist");  // the machine's own vendor id
   std::string id = OVDeviceInfoManager(fake, "").deviceIdentifier();
   EXPECT_EQ(fake.keychain().load(std::string(OVDeviceInfoManager::kFallbackKeychainName) + ".deviceID"), id);
-  bool upperUuid = id.size() == 36;
-  for (size_t i = 0; upperUuid && i < id.size(); ++i) {
-    upperUuid = (i == 8 || i == 13 || i == 18 || i == 23) ? id[i] == '-'
-                                                          : std::isxdigit(id[i]) && !std::islower(id[i]);
-  }
-  EXPECT_TRUE(upperUuid) << id;
+  EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"))) << id;
   // The machine id differs per application (or is missing for all).
   EXPECT_EQ(platform::vendorIdentifier("com.example.a") ==
                 platform::vendorIdentifier("com.example.b"),
@@ -89,22 +84,31 @@ TEST(AdvertisingIdentifier, OnlyAnAuthorisedNonZeroIdCounts) {
   EXPECT_EQ(manager.advertisingIdentifier(), "6D92078A-8246-4BA4-AE5B-76104861E7DC");
 }
 
+// A listening socket on 127.0.0.1 and a free port; the port is 0 on failure.
+int listenOnLoopback(int* port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  *port = 0;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 && listen(fd, 4) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+    *port = ntohs(address.sin_port);
+  }
+  return fd;
+}
+
 // Answers one HTTP request on 127.0.0.1 with a fixed body and remembers the
 // request line.
 class OneShotHttpServer {
  public:
   explicit OneShotHttpServer(std::string body) : body_(std::move(body)) {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd_, 4) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    fd_ = listenOnLoopback(&port_);
+    if (port_ == 0) {
       ADD_FAILURE() << "cannot listen on 127.0.0.1";
       return;
     }
-    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { serve(); });
   }
   ~OneShotHttpServer() {
@@ -186,20 +190,14 @@ TEST_F(PublicAddressLookup, AReplyWithoutThePrefixFailsAsJson) {
 
 TEST_F(PublicAddressLookup, ASilentServerDoesNotHoldUpDestruction) {
   // The kernel accepts the connection into the backlog; nobody ever answers.
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), length), 0);
-  ASSERT_EQ(listen(fd, 4), 0);
-  ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  int port = 0;
+  int fd = listenOnLoopback(&port);
+  ASSERT_NE(port, 0);
 
   auto start = std::chrono::steady_clock::now();
   {
     OVDeviceInfoManager manager(fake_, "com.example.app");
-    ASSERT_TRUE(manager.startPublicAddressLookup("http://127.0.0.1:" +
-                                                 std::to_string(ntohs(address.sin_port))));
+    ASSERT_TRUE(manager.startPublicAddressLookup("http://127.0.0.1:" + std::to_string(port)));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the request is out
     EXPECT_EQ(manager.extranetIp(), "");
   }

@@ -3,8 +3,6 @@
 // the right numbers.
 #include <gtest/gtest.h>
 
-#include <google/protobuf/empty.pb.h>
-
 #include <string>
 
 #include "AttributionRoot.pb.h"
@@ -72,18 +70,6 @@ TEST(WireSchema, EventParamIsFieldThirteen) {
   EXPECT_NE(wire.find(bytes({0x4a, 0x06})), std::string::npos);  // sdkversion = 9
   EXPECT_NE(wire.find(bytes({0x52, 0x01, 'c'})), std::string::npos);  // campaign = 10
   EXPECT_EQ(wire[0], 0x08);  // timestamp = 1, varint
-}
-
-TEST(WireSchema, EmptyMessagesAcceptEmptyBytes) {
-  velquin::push_notification::UploadDeviceTokenResponse tokenReply;
-  velquin::iap::GetAppConfigRequest configRequest;
-  google::protobuf::Empty empty;
-  Subscriber subscriber;
-  EXPECT_TRUE(tokenReply.ParseFromString(""));
-  EXPECT_TRUE(configRequest.ParseFromString(""));
-  EXPECT_TRUE(empty.ParseFromString(""));
-  EXPECT_TRUE(subscriber.ParseFromString(""));
-  EXPECT_EQ(configRequest.SerializeAsString(), "");
 }
 
 TEST(WireSchema, PricesAreThirtyTwoBitFloats) {

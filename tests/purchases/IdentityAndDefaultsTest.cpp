@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "analytics/OVDeviceInfoManager.h"
 #include "purchases/OVUserDataManager.h"
@@ -44,12 +45,7 @@ TEST_F(Identity, FirstLaunchMakesAnIdThatLaterLaunchesKeep) {
   std::unique_ptr<OVUserDataManager> first, second;
   std::string firstLog = launch(first);
   const std::string id = first->userId();
-  EXPECT_EQ(id.size(), 36u);
-  EXPECT_EQ(id, [&] {
-    std::string upper = id;
-    for (auto& c : upper) c = static_cast<char>(std::toupper(c));
-    return upper;
-  }());
+  EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"))) << id;
   EXPECT_NE(firstLog.find("[OrventPurchase] set new user id: " + id), std::string::npos);
 
   std::string secondLog = launch(second);

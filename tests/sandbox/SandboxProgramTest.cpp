@@ -1,11 +1,6 @@
 // The velquin-sandbox program: arguments, serving until SIGTERM, the client
 // bundle it writes, and reading back what it recorded.
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -21,77 +16,21 @@
 #include "StoreReceipts.h"
 #include "SubscriberRoot.grpc.pb.h"
 #include "platform/PropertyList.h"
+#include "support/ChildProcess.h"
 #include "support/TempEnvironment.h"
-
-extern char** environ;
 
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Child {
-  pid_t pid = -1;
-  int out = -1;  // read end of the child's stdout
-};
+using velquin::testing::ChildProcess;
 
-Child spawnSandbox(const std::vector<std::string>& arguments) {
-  std::string program = (velquin::testing::binDir() / "velquin-sandbox").string();
-  std::vector<std::string> words = {program};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) return {};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  Child child;
-  if (posix_spawn(&child.pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) {
-    child.pid = -1;
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  close(pipeFds[1]);
-  child.out = pipeFds[0];
-  return child;
+std::string sandboxProgram() {
+  return (velquin::testing::binDir() / "velquin-sandbox").string();
 }
 
-// Reads the child's output until it closes, or up to the first line.
-std::string readOutput(int fd, bool firstLineOnly, std::chrono::milliseconds timeout) {
-  std::string text;
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!(firstLineOnly && text.find('\n') != std::string::npos)) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) break;
-    pollfd pfd{fd, POLLIN, 0};
-    if (poll(&pfd, 1, static_cast<int>(left.count())) <= 0) break;
-    char buffer[4096];
-    ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n <= 0) break;
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  return text;
-}
-
-int waitExit(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-struct Result {
-  int exitCode;
-  std::string out;
-};
-
-Result runSandbox(const std::vector<std::string>& arguments) {
-  Child child = spawnSandbox(arguments);
-  std::string out = readOutput(child.out, false, std::chrono::seconds(10));
-  close(child.out);
-  return {waitExit(child.pid), out};
+velquin::testing::ChildRun runSandbox(const std::vector<std::string>& arguments) {
+  return ChildProcess::run(sandboxProgram(), arguments, std::chrono::seconds(10));
 }
 
 TEST(SandboxProgram, RefusesBadArgumentsWithExitCodeTwo) {
@@ -108,7 +47,7 @@ TEST(SandboxProgram, RefusesBadArgumentsWithExitCodeTwo) {
   EXPECT_EQ(runSandbox({"--data-dir", "/tmp/x", "push-payload"}).exitCode, 2);
   auto help = runSandbox({"--help"});
   EXPECT_EQ(help.exitCode, 0);
-  EXPECT_NE(help.out.find("--data-dir"), std::string::npos);
+  EXPECT_NE(help.output.find("--data-dir"), std::string::npos);
 }
 
 TEST(SandboxProgram, PrintsAPushPayloadForAConfiguredInAppMessage) {
@@ -116,8 +55,8 @@ TEST(SandboxProgram, PrintsAPushPayloadForAConfiguredInAppMessage) {
   auto dir = (env.root() / "data").string();
   auto printed = runSandbox({"--data-dir", dir, "push-payload", "welcome-offer"});
   ASSERT_EQ(printed.exitCode, 0);
-  auto payload = nlohmann::json::parse(printed.out, nullptr, false);
-  ASSERT_TRUE(payload.is_object()) << printed.out;
+  auto payload = nlohmann::json::parse(printed.output, nullptr, false);
+  ASSERT_TRUE(payload.is_object()) << printed.output;
   EXPECT_EQ(payload.value("velquin_alert_type", ""), "ALERT_TYPE_IN_APP");
   EXPECT_EQ(payload.value("velquin_id", ""), "welcome-offer");
   EXPECT_TRUE(payload["velquin_notification_id"].is_string());
@@ -131,10 +70,11 @@ TEST(SandboxProgram, ServesUntilTerminatedAndWritesTheBundle) {
   velquin::testing::TempEnvironment env;
   fs::path data = env.root() / "data";
   fs::path bundle = env.root() / "client-bundle";
-  Child child = spawnSandbox({"--data-dir", data.string(), "--port", "0", "--write-bundle",
-                              bundle.string(), "--bundle-id", "com.example.app", "serve"});
-  ASSERT_GT(child.pid, 0);
-  std::string line = readOutput(child.out, true, std::chrono::seconds(15));
+  ChildProcess child(sandboxProgram(),
+                     {"--data-dir", data.string(), "--port", "0", "--write-bundle", bundle.string(),
+                      "--bundle-id", "com.example.app", "serve"});
+  ASSERT_GT(child.pid(), 0);
+  std::string line = child.read(std::chrono::seconds(15), /*firstLineOnly=*/true);
   const std::string prefix = "velquin-sandbox listening on localhost:";
   ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
   std::string port = line.substr(prefix.size(), line.find('\n') - prefix.size());
@@ -156,14 +96,14 @@ TEST(SandboxProgram, ServesUntilTerminatedAndWritesTheBundle) {
   portFile >> written;
   EXPECT_EQ(written, port);
 
-  kill(child.pid, SIGTERM);
-  EXPECT_EQ(waitExit(child.pid), 0);
-  close(child.out);
+  kill(child.pid(), SIGTERM);
+  auto served = child.wait(std::chrono::seconds(10));
+  EXPECT_TRUE(served.finished && served.signal == 0 && served.exitCode == 0);
 
   auto events = runSandbox({"--data-dir", data.string(), "events", "--json"});
   EXPECT_EQ(events.exitCode, 0);
-  auto parsed = nlohmann::json::parse(events.out, nullptr, false);
-  ASSERT_TRUE(parsed.is_object()) << events.out;
+  auto parsed = nlohmann::json::parse(events.output, nullptr, false);
+  ASSERT_TRUE(parsed.is_object()) << events.output;
   EXPECT_EQ(parsed["count"], 0);
   EXPECT_TRUE(parsed["events"].is_array());
 
@@ -207,8 +147,8 @@ TEST(SandboxProgram, PrintsSubscribersTransactionsAndPricesItRecorded) {
 
   auto subscriber = runSandbox({"--data-dir", data.string(), "subscriber", "user-7", "--json"});
   EXPECT_EQ(subscriber.exitCode, 0);
-  auto parsed = nlohmann::json::parse(subscriber.out, nullptr, false);
-  ASSERT_TRUE(parsed.is_object()) << subscriber.out;
+  auto parsed = nlohmann::json::parse(subscriber.output, nullptr, false);
+  ASSERT_TRUE(parsed.is_object()) << subscriber.output;
   EXPECT_EQ(parsed["entitlements"][0]["id"], "pro");
   EXPECT_EQ(parsed["entitlements"][0]["is_active"], true);
   EXPECT_EQ(parsed["subscriptions"][0]["state"]["state"], "ActiveAutoRenOn");
@@ -221,30 +161,30 @@ TEST(SandboxProgram, PrintsSubscribersTransactionsAndPricesItRecorded) {
   auto refunded = runSandbox(
       {"--data-dir", data.string(), "--config", config.string(), "subscriber", "user-7"});
   EXPECT_EQ(refunded.exitCode, 0);
-  parsed = nlohmann::json::parse(refunded.out, nullptr, false);
-  ASSERT_TRUE(parsed.is_object()) << refunded.out;
+  parsed = nlohmann::json::parse(refunded.output, nullptr, false);
+  ASSERT_TRUE(parsed.is_object()) << refunded.output;
   EXPECT_EQ(parsed["subscriptions"][0]["state"]["state"], "IssueRefund");
   EXPECT_EQ(parsed["entitlements"][0]["is_active"], false);
 
   auto nobody = runSandbox({"--data-dir", data.string(), "subscriber", "nobody", "--json"});
-  EXPECT_EQ(nlohmann::json::parse(nobody.out, nullptr, false),
+  EXPECT_EQ(nlohmann::json::parse(nobody.output, nullptr, false),
             (nlohmann::json{{"entitlements", nlohmann::json::array()},
                             {"subscriptions", nlohmann::json::array()}}));
 
   auto transactions = runSandbox({"--data-dir", data.string(), "transactions", "--json"});
   EXPECT_EQ(transactions.exitCode, 0);
-  parsed = nlohmann::json::parse(transactions.out, nullptr, false);
-  ASSERT_TRUE(parsed.is_object()) << transactions.out;
+  parsed = nlohmann::json::parse(transactions.output, nullptr, false);
+  ASSERT_TRUE(parsed.is_object()) << transactions.output;
   EXPECT_EQ(parsed["count"], 1);
   EXPECT_EQ(parsed["transactions"][0]["app_user_id"], "user-7");
   EXPECT_EQ(parsed["transactions"][0]["product_type"], "auto-renewable");
   EXPECT_EQ(parsed["transactions"][0]["expires_date_ms"], now + 30 * rs::kDayMs);
   auto mine = runSandbox({"--data-dir", data.string(), "transactions", "--user", "other"});
-  EXPECT_EQ(mine.out, "0 transactions\n");
+  EXPECT_EQ(mine.output, "0 transactions\n");
 
   auto products = runSandbox({"--data-dir", data.string(), "products", "--json"});
-  parsed = nlohmann::json::parse(products.out, nullptr, false);
-  ASSERT_TRUE(parsed.is_object()) << products.out;
+  parsed = nlohmann::json::parse(products.output, nullptr, false);
+  ASSERT_TRUE(parsed.is_object()) << products.output;
   EXPECT_EQ(parsed["products"][0]["currency"], "USD");
   EXPECT_EQ(parsed["products"][0]["regular_price"], 4.5);
 }

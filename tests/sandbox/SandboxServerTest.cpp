@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "AttributionRoot.grpc.pb.h"
@@ -412,20 +413,6 @@ bool verifies(const std::string& publicKeyPem, const std::vector<unsigned char>&
   return ok;
 }
 
-// xxxxxxxx-xxxx-4xxx-[89ab]xxx-xxxxxxxxxxxx in lower-case hex.
-bool isLowerCaseRandomUuid(const std::string& text) {
-  if (text.size() != 36) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (i == 8 || i == 13 || i == 18 || i == 23) {
-      if (c != '-') return false;
-    } else if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
-      return false;
-    }
-  }
-  return text[14] == '4' && std::string("89ab").find(text[19]) != std::string::npos;
-}
-
 TEST_F(SandboxTest, OfferSignatureVerifiesWithTheExportedKey) {
   auto server = start();
   Client client(*server);
@@ -437,7 +424,10 @@ TEST_F(SandboxTest, OfferSignatureVerifiesWithTheExportedKey) {
   ASSERT_TRUE(client.iap->GeneratePromotionalOfferSignature(Client::context().get(), request, &reply)
                   .ok());
   EXPECT_EQ(reply.key_id(), "sandbox-offer-key-1");
-  EXPECT_TRUE(isLowerCaseRandomUuid(reply.nonce())) << reply.nonce();
+  // A random (version 4) UUID in lower-case hex.
+  EXPECT_TRUE(std::regex_match(
+      reply.nonce(), std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}")))
+      << reply.nonce();
   auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
                  std::chrono::system_clock::now().time_since_epoch())
                  .count();

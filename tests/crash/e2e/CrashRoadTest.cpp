@@ -3,30 +3,19 @@
 // uncaught exception); the next start sends what was captured to the
 // sandbox backend over TLS, once.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "SandboxFixture.h"
-
-extern char** environ;
+#include "support/ChildProcess.h"
 
 namespace velquin::testing {
 namespace {
 
-struct HostRun {
-  int signal = 0;     // the signal that ended it, 0 when it exited
-  int exitCode = -1;  // when it exited
-  std::string output;  // standard output and error
-};
+using HostRun = ChildRun;
 
 class CrashRoad : public SandboxTest {
  protected:
@@ -38,36 +27,14 @@ class CrashRoad : public SandboxTest {
     setrlimit(RLIMIT_CORE, &noCore);
   }
 
-  // Runs the host over the test's bundle and waits for it to end.
+  // Runs the host over the test's bundle and waits for it to end; the
+  // output holds its standard output and error.
   HostRun host(const std::vector<std::string>& args) {
-    const std::string program = (binDir() / "velquin").string();
-    const std::string bundle = env.bundleDir().string();
-    const std::string outputFile = (env.root() / "host-output.txt").string();
-    std::vector<std::string> words{program, "--bundle", bundle};
+    std::vector<std::string> words{"--bundle", env.bundleDir().string()};
     words.insert(words.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    pid_t pid = 0;
-    HostRun run;
-    const int spawned = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    EXPECT_EQ(spawned, 0) << std::strerror(spawned);
-    if (spawned != 0) return run;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFSIGNALED(status)) run.signal = WTERMSIG(status);
-    if (WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
-    std::ifstream in(outputFile);
-    std::stringstream text;
-    text << in.rdbuf();
-    run.output = text.str();
+    HostRun run =
+        ChildProcess::run((binDir() / "velquin").string(), words, std::chrono::seconds(120), true);
+    EXPECT_TRUE(run.finished) << "the host hung:\n" << run.output;
     return run;
   }
 

@@ -1,14 +1,9 @@
 // The crash report engine end to end: a child process (crash_victim) enables
 // the engine and really crashes; the test then loads, parses, formats and
 // purges the report it left, as the next start of an application would.
-#include <poll.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -22,53 +17,21 @@
 
 #include "crash/CrashEngine.h"
 #include "crash/CrashReport.h"
+#include "support/ChildProcess.h"
 #include "support/TempEnvironment.h"
-
-extern char** environ;
 
 namespace velquin::crash {
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Outcome {
-  bool finished = false;  // false: still running after the time limit (killed)
-  bool killedBySignal = false;
-  int signal = 0;
-  int exitCode = 0;
-};
+using Outcome = velquin::testing::ChildRun;
 
 // Runs crash_victim and waits for it, at most 60 s (a hang fails the test
 // instead of stalling the suite).
 Outcome runVictim(const std::vector<std::string>& arguments) {
-  const std::string program = (velquin::testing::binDir() / "crash_victim").string();
-  std::vector<char*> argv{const_cast<char*>(program.c_str())};
-  for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  Outcome outcome;
-  if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
-    ADD_FAILURE() << "cannot start " << program;
-    return outcome;
-  }
-  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd >= 0) {
-    pollfd exited{pidfd, POLLIN, 0};
-    const int ready = poll(&exited, 1, 60000);
-    close(pidfd);
-    if (ready != 1) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-      return outcome;
-    }
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  outcome.finished = true;
-  outcome.killedBySignal = WIFSIGNALED(status);
-  outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-  outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return outcome;
+  return velquin::testing::ChildProcess::run((velquin::testing::binDir() / "crash_victim").string(),
+                                             arguments, std::chrono::seconds(60), true);
 }
 
 struct Delivered {
@@ -81,6 +44,12 @@ std::string framesOf(const std::string& text) {
   const auto begin = text.find("Thread 0 Crashed:\n");
   if (begin == std::string::npos) return {};
   return text.substr(begin, text.find("\n\n", begin) - begin);
+}
+
+// The crashed thread's header line and its frame 0.
+std::string firstFrameOf(const std::string& text) {
+  const std::string frames = framesOf(text);
+  return frames.substr(0, frames.find('\n', frames.find("\n0 ") + 1));
 }
 
 std::vector<std::string> filesIn(const fs::path& folder) {
@@ -160,7 +129,7 @@ TEST_P(FatalSignalTest, TheProcessDiesByItsSignalAndTheNextStartReadsAReportNami
   const FatalSignalCase& c = GetParam();
   const Outcome outcome = runVictim({folder_.string(), c.way});
   ASSERT_TRUE(outcome.finished) << "the crashing process hung";
-  ASSERT_TRUE(outcome.killedBySignal) << "exit code " << outcome.exitCode;
+  ASSERT_NE(outcome.signal, 0) << "exit code " << outcome.exitCode << ": " << outcome.output;
   EXPECT_EQ(outcome.signal, c.signal);
 
   const auto delivered = deliver();
@@ -169,6 +138,7 @@ TEST_P(FatalSignalTest, TheProcessDiesByItsSignalAndTheNextStartReadsAReportNami
   EXPECT_EQ(report.signal, c.signal);
   EXPECT_EQ(report.threadId, static_cast<std::uint64_t>(report.pid)) << "crashed on the main thread";
   EXPECT_FALSE(report.frames.empty());
+  EXPECT_TRUE(report.handlerNanoseconds) << "the handler times itself";
 
   const std::string& text = delivered->text;
   EXPECT_NE(text.find("Exception Type:      " + std::string(c.exceptionType) + "\n"), std::string::npos) << text;
@@ -218,9 +188,7 @@ TEST_F(CrashEngineTest, ReportsTheFaultAddressTheCodeAndTheTimeOfTheFault) {
   EXPECT_NE(text.find("Exception Codes:     SEGV_MAPERR at 0x0000000000000001\n"), std::string::npos) << text;
   // The first frame is the faulting instruction itself, and the registers
   // say where it is.
-  const std::string frames = framesOf(text);
-  const auto firstFrame = frames.substr(0, frames.find('\n', frames.find("\n0 ") + 1));
-  EXPECT_NE(firstFrame.find("victim::writeThroughBadPointer()"), std::string::npos) << text;
+  EXPECT_NE(firstFrameOf(text).find("victim::writeThroughBadPointer()"), std::string::npos) << text;
 #if defined(__x86_64__)
   EXPECT_NE(text.find("Thread 0 crashed with X86-64 Thread State:"), std::string::npos) << text;
   char rip[40];
@@ -268,8 +236,7 @@ TEST_F(CrashEngineTest, NamesALibraryLoadedAfterEnableAndItsSymbols) {
   const auto delivered = deliver();
   ASSERT_TRUE(delivered);
   const std::string plugin = fs::path(CRASH_VICTIM_PLUGIN).filename().string();
-  const std::string frames = framesOf(delivered->text);
-  const auto firstLine = frames.substr(0, frames.find('\n', frames.find("\n0 ") + 1));
+  const std::string firstLine = firstFrameOf(delivered->text);
   EXPECT_NE(firstLine.find(plugin), std::string::npos) << delivered->text;
   EXPECT_NE(firstLine.find("plugin::crashInsidePlugin()"), std::string::npos) << delivered->text;
   // Its image line has an address range and the build id read from the file.
@@ -421,22 +388,6 @@ TEST_F(CrashEngineTest, ConfigurationAndCreation) {
   ASSERT_NE(fresh, nullptr);
   EXPECT_FALSE(fresh->hasPendingCrashReport());
   EXPECT_TRUE(fresh->purgePendingCrashReport());
-}
-
-TEST_F(CrashEngineTest, HandlerTimeAndReportSize) {
-  std::vector<double> milliseconds;
-  std::size_t bytes = 0;
-  for (int run = 0; run < 10; ++run) {
-    ASSERT_EQ(runVictim({folder_.string(), "segv"}).signal, SIGSEGV);
-    const auto delivered = deliver();
-    ASSERT_TRUE(delivered);
-    ASSERT_TRUE(delivered->report.handlerNanoseconds);
-    milliseconds.push_back(static_cast<double>(*delivered->report.handlerNanoseconds) / 1e6);
-    bytes = delivered->bytes;
-  }
-  std::sort(milliseconds.begin(), milliseconds.end());
-  std::printf("crash handler: write time median %.3f ms, max %.3f ms over %zu crashes; report %zu bytes\n",
-              milliseconds[milliseconds.size() / 2], milliseconds.back(), milliseconds.size(), bytes);
 }
 
 }  // namespace

@@ -10,8 +10,7 @@
 // (that earlier handler aborts, entering the engine's handler again), suppress (the suppression hook, then
 // abort), readonly (the folder turns read-only before the crash), two-threads
 // (two threads fault at the same moment), plugin LIBRARY (the crash happens
-// in a library loaded after enable), show (prints the pending report as
-// text, leaving it pending; crashes nothing).
+// in a library loaded after enable).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -171,20 +170,6 @@ int main(int argc, char** argv) {
   const rlimit noCore = {0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
 
-  if (way == "show") {
-    auto config = velquin::crash::CrashEngineConfig::make(0, 2);
-    config->reportDirectory = folder;
-    auto reader = velquin::crash::createCrashEngine(*config);
-    velquin::crash::EngineError error;
-    auto data = reader ? reader->loadPendingCrashReportData(&error) : std::nullopt;
-    auto report = data ? reader->parseCrashReport(*data, &error) : nullptr;
-    if (!report) {
-      std::fprintf(stderr, "crash_victim: %s\n", error.description.c_str());
-      return 8;
-    }
-    std::fputs(reader->formatCrashReport(*report, velquin::crash::kCrashReportTextFormatiOS).c_str(), stdout);
-    return 0;
-  }
   if (way == "chain" && argument != nullptr) {
     gMarkerPath = argument;
     installEarlierHandler(writeMarker);
