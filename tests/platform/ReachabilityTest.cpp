@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 
 #include "analytics/OVDeviceInfoManagerHelper.h"
@@ -252,7 +253,12 @@ TEST(NetworkMonitorReachability, RefusesBadTargets) {
   EXPECT_EQ(Reachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&local)), nullptr);
 }
 
+// Looking the name up must not leave the machine: ctest runs this case on
+// its own in a network namespace with no way out, and skips it elsewhere.
 TEST(NetworkMonitorReachability, HostAndAddressChecksAreBounded) {
+  if (!std::getenv("VELQUIN_ISOLATED_NETWORK")) {
+    GTEST_SKIP() << "runs only in its own network namespace";
+  }
   sockaddr_in6 loopback{};
   loopback.sin6_family = AF_INET6;
   loopback.sin6_addr = in6addr_loopback;
