@@ -9,8 +9,10 @@
 // --push FILE reads a push payload (JSON) from FILE and, once start-up has
 // handled the app config, turns in-app message auto-show on and delivers
 // the payload as one arriving in front; an in-app message it announces is
-// shown over the window. With --screenshots the message page is saved as
-// in-app-message.png and closed before the paywall is driven.
+// shown over the window. With --screenshots the payload is delivered once
+// the welcome page is saved (the message would cover it), and the message
+// page is saved as in-app-message.png and closed before the paywall is
+// driven.
 // --screenshots DIR drives the app without a person: it saves the welcome
 // page, opens the paywall, saves it once its prices are shown, buys the first
 // plan, saves the success alert, presses "OK" and saves the start screen.
@@ -136,6 +138,13 @@ void evaluate(WebKitWebView* view, const std::string& script,
       new std::function<void(std::string)>(std::move(done)));
 }
 
+// True (as JSON text) once a page's document has loaded and has content:
+// right after a page is handed to a view, the view may not have started
+// loading it yet.
+constexpr const char* kPageReadyScript =
+    "document.readyState === 'complete' && document.body !== null && "
+    "document.body.childElementCount > 0";
+
 class DemoApp {
  public:
   DemoApp(Options options, std::optional<nlohmann::json> payload)
@@ -217,6 +226,17 @@ class DemoApp {
     refreshState();
     if (startedUp_) return;
     startedUp_ = true;
+    // With screenshots, the pages come one after the other: the push (whose
+    // message would cover the welcome page) waits for the welcome shot.
+    if (options_.screenshots && !shotWelcome_) return;
+    afterWelcome();
+  }
+
+  // What follows start-up (and, with screenshots, the welcome shot): the
+  // push, then the paywall.
+  void afterWelcome() {
+    if (startUpFollowed_ || !startedUp_) return;
+    startUpFollowed_ = true;
     if (payload_) {
       Velquin::shared().setInAppMesssageAutoShow(true);
       Velquin::shared().receivePushNotification(*payload_, /*inFront=*/true);
@@ -230,22 +250,32 @@ class DemoApp {
   // on with the paywall.
   void shootInAppMessage() {
     poll([this] {
+      if (shotMessage_) return true;
       auto pages = OVInAppMessagePage::shownPages();
-      bool ready = !pages.empty() && gtk_widget_get_mapped(pages.back()->widget()) &&
-                   !webkit_web_view_is_loading(pages.back()->webView()) &&
-                   gtk_widget_get_width(pages.back()->widget()) ==
-                       gtk_widget_get_width(GTK_WIDGET(window_));
+      bool placed = !pages.empty() && gtk_widget_get_mapped(pages.back()->widget()) &&
+                    gtk_widget_get_width(pages.back()->widget()) ==
+                        gtk_widget_get_width(GTK_WIDGET(window_));
       // The fetch is bounded by the SDK's call timeouts; 30 s is only a guard.
-      if (!ready && ++messageWaits_ < 300) return false;
-      if (ready) {
-        save(GTK_WIDGET(window_), "in-app-message", "the in-app message the push announced");
-        for (auto& page : pages) page->closeAction();
-      } else {
+      if (!placed) {
+        if (++messageWaits_ < 300) return false;
         std::fprintf(stderr, "velquin-gtk-demo: no in-app message was shown for the payload\n");
         failed_ = true;
+        openPaywall();
+        return true;
       }
-      openPaywall();
-      return true;
+      if (checking_) return false;
+      checking_ = true;
+      std::weak_ptr<OVInAppMessagePage> weak = pages.back();
+      evaluate(pages.back()->webView(), kPageReadyScript, [this, weak](std::string ready) {
+        checking_ = false;
+        auto page = weak.lock();
+        if (!page || shotMessage_ || ready.find("true") != 0) return;
+        shotMessage_ = true;
+        save(GTK_WIDGET(window_), "in-app-message", "the in-app message the push announced");
+        for (auto& shown : OVInAppMessagePage::shownPages()) shown->closeAction();
+        openPaywall();
+      });
+      return false;
     });
   }
 
@@ -292,10 +322,26 @@ class DemoApp {
 
   void shootWelcomePage() {
     poll([this] {
-      if (welcome_->shownPage().empty() || !welcome_->isOnScreen()) return false;
-      if (webkit_web_view_is_loading(welcome_->webView())) return false;
-      save(GTK_WIDGET(window_), "welcome-page", "the welcome page over the start screen");
-      return true;
+      if (shotWelcome_) return true;
+      if (welcome_->shownPage().empty() || !welcome_->isOnScreen()) {
+        // The page comes with the app config; 30 s is only a guard.
+        if (++welcomeWaits_ < 300) return false;
+        std::fprintf(stderr, "velquin-gtk-demo: no welcome page was shown\n");
+        failed_ = true;
+        shotWelcome_ = true;  // nothing to wait for any more
+        afterWelcome();
+        return true;
+      }
+      if (checkingWelcome_) return false;
+      checkingWelcome_ = true;
+      evaluate(welcome_->webView(), kPageReadyScript, [this](std::string ready) {
+        checkingWelcome_ = false;
+        if (shotWelcome_ || ready.find("true") != 0 || !welcome_->isOnScreen()) return;
+        shotWelcome_ = true;
+        save(GTK_WIDGET(window_), "welcome-page", "the welcome page over the start screen");
+        afterWelcome();
+      });
+      return false;
     });
   }
 
@@ -365,10 +411,15 @@ class DemoApp {
   std::shared_ptr<VelquinWelcomePage> welcome_;
   velquin::NotificationCenter::Token appConfigToken_ = 0;
   bool startedUp_ = false;
+  bool startUpFollowed_ = false;  // afterWelcome() ran
+  bool shotMessage_ = false;
   bool checking_ = false;
   bool shotPaywall_ = false;
+  bool checkingWelcome_ = false;
+  bool shotWelcome_ = false;
   int waits_ = 0;
   int messageWaits_ = 0;
+  int welcomeWaits_ = 0;
   bool failed_ = false;
 };
 
