@@ -19,6 +19,20 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Keeps a serial queue busy from construction until destruction.
+class QueueHold {
+ public:
+  explicit QueueHold(support::SerialQueue& queue) {
+    queue.async([opened = gate_.get_future().share()] { opened.wait(); });
+  }
+  ~QueueHold() { gate_.set_value(); }
+  QueueHold(const QueueHold&) = delete;
+  QueueHold& operator=(const QueueHold&) = delete;
+
+ private:
+  std::promise<void> gate_;
+};
+
 class Delivery : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -307,16 +321,9 @@ TEST_F(Delivery, ACallSlotIsFreeOnlyOnceItsRowIsDeleted) {
   for (int i = 0; i < 9; ++i) stored("ev_window_" + std::to_string(i));
   manager->uploadCacheData();
   ASSERT_TRUE(server.waitForHeld(3));
-  // Hold the database queue: the replies' deletes cannot commit.
-  std::promise<void> gate;
-  std::shared_future<void> opened = gate.get_future().share();
-  store->dbQueue().async([opened] { opened.wait(); });
-  struct Open {
-    std::promise<void>& gate;
-    ~Open() { gate.set_value(); }
-  };
   {
-    Open open{gate};
+    // The replies' deletes cannot commit while the queue is held.
+    QueueHold hold(store->dbQueue());
     server.setHold(false);
     server.releaseAll();
     EXPECT_FALSE(server.waitForReceived(4, 500ms)) << "a slot was reused before its delete";
@@ -333,16 +340,9 @@ TEST_F(Delivery, RepliesLandingWhileACallerWritesLeaveTheirDeletesToItsCommit) {
   // A caller stuck at the database queue is inside submit() when the
   // replies land: their rows must leave with its commit, and their slots
   // stay taken until then.
-  std::promise<void> gate;
-  std::shared_future<void> opened = gate.get_future().share();
-  store->dbQueue().async([opened] { opened.wait(); });
-  struct Open {
-    std::promise<void>& gate;
-    ~Open() { gate.set_value(); }
-  };
   std::thread caller;
   {
-    Open open{gate};
+    QueueHold hold(store->dbQueue());
     caller = std::thread([&] { manager->submit(envelope("ev_mixed_5")); });
     server.setHold(false);
     server.releaseAll();
