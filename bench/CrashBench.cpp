@@ -40,7 +40,8 @@ volatile int* volatile gBadPointer = reinterpret_cast<volatile int*>(1);
 void reportEndToEnd(int) {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const long long elapsed = (now.tv_sec - gFaultAt.tv_sec) * 1000000000LL + (now.tv_nsec - gFaultAt.tv_nsec);
+  const long long elapsed =
+      (now.tv_sec - gFaultAt.tv_sec) * 1000000000LL + (now.tv_nsec - gFaultAt.tv_nsec);
   if (write(gPipe, &elapsed, sizeof elapsed) != static_cast<ssize_t>(sizeof elapsed)) _exit(3);
 }
 
@@ -95,7 +96,8 @@ int main(int argc, char** argv) {
     }
     close(fds[1]);
     long long elapsed = 0;
-    const bool heard = read(fds[0], &elapsed, sizeof elapsed) == static_cast<ssize_t>(sizeof elapsed);
+    const bool heard =
+        read(fds[0], &elapsed, sizeof elapsed) == static_cast<ssize_t>(sizeof elapsed);
     close(fds[0]);
     int status = 0;
     waitpid(child, &status, 0);
@@ -118,10 +120,11 @@ int main(int argc, char** argv) {
   fs::remove_all(folder);
 
   const double endToEndMedian = median(endToEnd);
-  std::printf("crash handler, report written (median of %d crashes): %.3f ms (max %.3f ms)\n", crashes,
-              median(inHandler), *std::max_element(inHandler.begin(), inHandler.end()));
-  std::printf("crash handler, fault until the chained handler runs (median): %.3f ms (max %.3f ms)\n",
-              endToEndMedian, *std::max_element(endToEnd.begin(), endToEnd.end()));
+  std::printf("crash handler, report written (median of %d crashes): %.3f ms (max %.3f ms)\n",
+              crashes, median(inHandler), *std::max_element(inHandler.begin(), inHandler.end()));
+  std::printf(
+      "crash handler, fault until the chained handler runs (median): %.3f ms (max %.3f ms)\n",
+      endToEndMedian, *std::max_element(endToEnd.begin(), endToEnd.end()));
   std::printf("crash report size: %zu bytes\n", bytes);
   std::printf("ratio crash_handler_vs_10ms_target %.4f\n", endToEndMedian / 10.0);
   return 0;

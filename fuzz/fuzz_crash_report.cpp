@@ -9,13 +9,15 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   velquin::crash::EngineError error;
-  auto report = velquin::crash::parseCrashReportBytes(reinterpret_cast<const std::byte*>(data), size, &error);
+  auto report =
+      velquin::crash::parseCrashReportBytes(reinterpret_cast<const std::byte*>(data), size, &error);
   if (!report) {
     if (error.description.empty()) __builtin_trap();
     return 0;
   }
   report->modules.clear();
-  const std::string text = velquin::crash::formatCrashReportText(*report, "com.example.fuzz", "1.0");
+  const std::string text =
+      velquin::crash::formatCrashReportText(*report, "com.example.fuzz", "1.0");
   if (text.find("Thread 0 Crashed:") == std::string::npos) __builtin_trap();
   return 0;
 }

@@ -1,8 +1,8 @@
 #include "crash/CrashEngine.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,7 +27,8 @@ void setError(EngineError* error, std::string description) {
 class LinuxCrashEngine final : public CrashEngine {
  public:
   explicit LinuxCrashEngine(CrashEngineConfig config)
-      : config_(std::move(config)), pendingPath_(config_.reportDirectory / format::kPendingFileName) {}
+      : config_(std::move(config)),
+        pendingPath_(config_.reportDirectory / format::kPendingFileName) {}
 
   bool enable(EngineError* error) override {
     try {
@@ -110,13 +111,14 @@ class LinuxCrashEngine final : public CrashEngine {
       const ssize_t n = ::read(fd, chunk, sizeof chunk);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
-        setError(error, "The pending crash report cannot be read: " + std::string(std::strerror(errno)) + ".");
+        setError(error, "The pending crash report cannot be read: " +
+                            std::string(std::strerror(errno)) + ".");
         return std::nullopt;
       }
       if (n == 0) return data;
       if (data.size() + static_cast<std::size_t>(n) > format::kMaxReportBytes) {
-        setError(error, "The pending crash report is larger than " + std::to_string(format::kMaxReportBytes) +
-                            " bytes.");
+        setError(error, "The pending crash report is larger than " +
+                            std::to_string(format::kMaxReportBytes) + " bytes.");
         return std::nullopt;
       }
       data.insert(data.end(), chunk, chunk + n);
@@ -131,13 +133,16 @@ class LinuxCrashEngine final : public CrashEngine {
     const std::string suffix = format::kTempFileSuffix;
     for (const auto& entry : std::filesystem::directory_iterator(config_.reportDirectory, ec)) {
       const std::string name = entry.path().filename().string();
-      if (name.size() <= prefix.size() + suffix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+      if (name.size() <= prefix.size() + suffix.size() ||
+          name.compare(0, prefix.size(), prefix) != 0 ||
           name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
         continue;
       }
-      const std::string digits = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+      const std::string digits =
+          name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
       pid_t pid = 0;
-      const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
+      const auto [end, failure] =
+          std::from_chars(digits.data(), digits.data() + digits.size(), pid);
       if (failure != std::errc() || end != digits.data() + digits.size() || pid <= 0) continue;
       if (::kill(pid, 0) != 0 && errno == ESRCH) std::filesystem::remove(entry.path(), ec);
     }
@@ -149,7 +154,8 @@ class LinuxCrashEngine final : public CrashEngine {
 
 }  // namespace
 
-std::optional<CrashEngineConfig> CrashEngineConfig::make(int signalHandlerType, int symbolicationStrategy) {
+std::optional<CrashEngineConfig> CrashEngineConfig::make(int signalHandlerType,
+                                                         int symbolicationStrategy) {
   if (signalHandlerType != kSignalHandlerTypeBSD) return std::nullopt;
   CrashEngineConfig config;
   config.signalHandlerType = signalHandlerType;
@@ -159,18 +165,21 @@ std::optional<CrashEngineConfig> CrashEngineConfig::make(int signalHandlerType, 
 
 std::unique_ptr<CrashEngine> createCrashEngine(const CrashEngineConfig& config) {
   try {
-    if (config.signalHandlerType != CrashEngineConfig::kSignalHandlerTypeBSD || config.reportDirectory.empty()) {
+    if (config.signalHandlerType != CrashEngineConfig::kSignalHandlerTypeBSD ||
+        config.reportDirectory.empty()) {
       return nullptr;
     }
     std::error_code ec;
     std::filesystem::path directory = std::filesystem::absolute(config.reportDirectory, ec);
     if (ec) return nullptr;
     directory = directory.lexically_normal();
-    if (directory.native().size() > 1 && directory.native().back() == '/') directory = directory.parent_path();
+    if (directory.native().size() > 1 && directory.native().back() == '/')
+      directory = directory.parent_path();
     // The handler builds "<folder>/<temporary name>" in a PATH_MAX buffer.
     if (directory.native().size() + 64 > PATH_MAX) return nullptr;
     std::filesystem::create_directories(directory, ec);
-    if (!std::filesystem::is_directory(directory, ec) || ::access(directory.c_str(), R_OK | X_OK) != 0) {
+    if (!std::filesystem::is_directory(directory, ec) ||
+        ::access(directory.c_str(), R_OK | X_OK) != 0) {
       return nullptr;
     }
     CrashEngineConfig absolute = config;
@@ -181,6 +190,8 @@ std::unique_ptr<CrashEngine> createCrashEngine(const CrashEngineConfig& config) 
   }
 }
 
-void suppressReportOfCurrentCrash() noexcept { setSuppressCurrentCrash(); }
+void suppressReportOfCurrentCrash() noexcept {
+  setSuppressCurrentCrash();
+}
 
 }  // namespace velquin::crash

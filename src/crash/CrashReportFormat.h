@@ -61,7 +61,7 @@ enum Tag : std::uint32_t {
 
 enum class RegisterSet : std::uint32_t {
   none = 0,
-  x86_64 = 1,  // the 23 general registers of mcontext_t.gregs, in REG_* order
+  x86_64 = 1,   // the 23 general registers of mcontext_t.gregs, in REG_* order
   aarch64 = 2,  // x0..x30, sp, pc, pstate
 };
 

@@ -50,27 +50,40 @@ struct Failure {
 
 const char* tagName(std::uint32_t tag) {
   switch (tag) {
-    case format::kSignal: return "signal";
-    case format::kThread: return "thread";
-    case format::kTime: return "time";
-    case format::kProcess: return "process";
-    case format::kOsRelease: return "OS release";
-    case format::kAppId: return "application id";
-    case format::kAppVersion: return "application version";
-    case format::kRegisters: return "registers";
-    case format::kFrame: return "frame";
-    case format::kModule: return "module";
-    case format::kHandlerTime: return "handler time";
-    case format::kIncident: return "incident identifier";
-    default: return "unknown";
+    case format::kSignal:
+      return "signal";
+    case format::kThread:
+      return "thread";
+    case format::kTime:
+      return "time";
+    case format::kProcess:
+      return "process";
+    case format::kOsRelease:
+      return "OS release";
+    case format::kAppId:
+      return "application id";
+    case format::kAppVersion:
+      return "application version";
+    case format::kRegisters:
+      return "registers";
+    case format::kFrame:
+      return "frame";
+    case format::kModule:
+      return "module";
+    case format::kHandlerTime:
+      return "handler time";
+    case format::kIncident:
+      return "incident identifier";
+    default:
+      return "unknown";
   }
 }
 
 std::optional<Failure> readRecord(std::uint32_t tag, Reader payload, ParsedCrashReport& report) {
   const std::size_t size = payload.left();
   const auto wrongSize = [&] {
-    return Failure{std::string("its ") + tagName(tag) + " record has a wrong length (" + std::to_string(size) +
-                   " bytes)"};
+    return Failure{std::string("its ") + tagName(tag) + " record has a wrong length (" +
+                   std::to_string(size) + " bytes)"};
   };
   const auto readText = [&](std::string& into) -> std::optional<Failure> {
     if (size > format::kMaxTextBytes) return wrongSize();
@@ -85,7 +98,8 @@ std::optional<Failure> readRecord(std::uint32_t tag, Reader payload, ParsedCrash
           !payload.get(sender)) {
         return wrongSize();
       }
-      if (signal <= 0 || signal >= 65) return Failure{"its signal number " + std::to_string(signal) + " is invalid"};
+      if (signal <= 0 || signal >= 65)
+        return Failure{"its signal number " + std::to_string(signal) + " is invalid"};
       report.signal = signal;
       report.code = code;
       report.faultAddress = address;
@@ -110,10 +124,14 @@ std::optional<Failure> readRecord(std::uint32_t tag, Reader payload, ParsedCrash
       report.processName = payload.rest();
       return std::nullopt;
     }
-    case format::kOsRelease: return readText(report.osRelease);
-    case format::kAppId: return readText(report.applicationId);
-    case format::kAppVersion: return readText(report.applicationVersion);
-    case format::kIncident: return readText(report.incidentIdentifier);
+    case format::kOsRelease:
+      return readText(report.osRelease);
+    case format::kAppId:
+      return readText(report.applicationId);
+    case format::kAppVersion:
+      return readText(report.applicationVersion);
+    case format::kIncident:
+      return readText(report.incidentIdentifier);
     case format::kRegisters: {
       std::uint32_t set = 0, count = 0;
       if (size < 8 || !payload.get(set) || !payload.get(count) || count > format::kMaxRegisters ||
@@ -140,7 +158,8 @@ std::optional<Failure> readRecord(std::uint32_t tag, Reader payload, ParsedCrash
       ParsedCrashReport::Module module;
       std::uint32_t buildIdLength = 0;
       if (!payload.get(module.loadBias) || !payload.get(module.start) || !payload.get(module.end) ||
-          !payload.get(buildIdLength) || buildIdLength > format::kMaxBuildIdBytes || payload.left() < buildIdLength ||
+          !payload.get(buildIdLength) || buildIdLength > format::kMaxBuildIdBytes ||
+          payload.left() < buildIdLength ||
           payload.left() - buildIdLength > format::kMaxTextBytes) {
         return wrongSize();
       }
@@ -175,7 +194,8 @@ std::optional<ParsedCrashReport> parseCrashReportBytes(const std::byte* data, st
     if (error != nullptr) error->description = "The crash report cannot be read: " + why + ".";
     return std::nullopt;
   };
-  if (size > format::kMaxReportBytes) return fail("it is larger than " + std::to_string(format::kMaxReportBytes) + " bytes");
+  if (size > format::kMaxReportBytes)
+    return fail("it is larger than " + std::to_string(format::kMaxReportBytes) + " bytes");
   const std::size_t magicBytes = std::min(size, sizeof format::kMagic);
   if (data == nullptr || std::memcmp(data, format::kMagic, magicBytes) != 0 || size == 0) {
     return size == 0 ? fail("it is empty") : fail("it is not a crash report (wrong magic)");
@@ -186,7 +206,8 @@ std::optional<ParsedCrashReport> parseCrashReportBytes(const std::byte* data, st
   if (!reader.take(sizeof format::kMagic, magic) || !reader.get(version)) {
     return fail("it is truncated (" + std::to_string(size) + " bytes)");
   }
-  if (version != format::kVersion) return fail("its format version " + std::to_string(version) + " is not supported");
+  if (version != format::kVersion)
+    return fail("its format version " + std::to_string(version) + " is not supported");
 
   ParsedCrashReport report;
   std::uint64_t seen = 0;  // bit per single-occurrence tag
@@ -210,7 +231,8 @@ std::optional<ParsedCrashReport> parseCrashReportBytes(const std::byte* data, st
     }
     if (auto failure = readRecord(tag, payload, report)) return fail(failure->why);
   }
-  for (std::uint32_t required : {format::kSignal, format::kThread, format::kTime, format::kProcess}) {
+  for (std::uint32_t required :
+       {format::kSignal, format::kThread, format::kTime, format::kProcess}) {
     if ((seen & (std::uint64_t{1} << required)) == 0) {
       return fail(std::string("it has no ") + tagName(required) + " record");
     }

@@ -63,14 +63,16 @@ std::string readableSymbol(const char* symbol) {
   std::string name(symbol);
   if (const auto at = name.find('@'); at != std::string::npos && at > 0) name.resize(at);
   int status = 0;
-  std::unique_ptr<char, decltype(&std::free)> readable(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status),
-                                                        &std::free);
+  std::unique_ptr<char, decltype(&std::free)> readable(
+      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
   return status == 0 && readable ? std::string(readable.get()) : name;
 }
 
 std::string padded(std::string text, std::size_t width) {
-  if (text.size() < width) text.append(width - text.size(), ' ');
-  else text += ' ';
+  if (text.size() < width)
+    text.append(width - text.size(), ' ');
+  else
+    text += ' ';
   return text;
 }
 
@@ -103,7 +105,8 @@ std::vector<ResolvedModule> resolveModules(Dwfl* dwfl, const ParsedCrashReport& 
     const unsigned char* bits = nullptr;
     GElf_Addr noteAddress = 0;
     const int length = dwfl_module_build_id(module.file, &bits, &noteAddress);
-    const std::string fileBuildId = length > 0 ? hexBytes(bits, static_cast<std::size_t>(length)) : "";
+    const std::string fileBuildId =
+        length > 0 ? hexBytes(bits, static_cast<std::size_t>(length)) : "";
     if (!module.buildId.empty() && fileBuildId != module.buildId) {
       module.file = nullptr;  // replaced since the crash: its symbols would lie
       continue;
@@ -119,7 +122,8 @@ std::vector<ResolvedModule> resolveModules(Dwfl* dwfl, const ParsedCrashReport& 
   return modules;
 }
 
-const ResolvedModule* moduleAt(Dwfl* dwfl, const std::vector<ResolvedModule>& modules, std::uint64_t address) {
+const ResolvedModule* moduleAt(Dwfl* dwfl, const std::vector<ResolvedModule>& modules,
+                               std::uint64_t address) {
   if (dwfl != nullptr) {
     if (Dwfl_Module* file = dwfl_addrmodule(dwfl, address)) {
       for (const auto& module : modules) {
@@ -144,8 +148,10 @@ std::string frameLine(std::size_t index, std::uint64_t address, Dwfl* dwfl,
   if (module != nullptr && module->file != nullptr) {
     GElf_Off offset = 0;
     GElf_Sym symbol = {};
-    if (const char* name = dwfl_module_addrinfo(module->file, lookup, &offset, &symbol, nullptr, nullptr, nullptr)) {
-      return line + " " + readableSymbol(name) + " + " + std::to_string(offset + (address - lookup));
+    if (const char* name = dwfl_module_addrinfo(module->file, lookup, &offset, &symbol, nullptr,
+                                                nullptr, nullptr)) {
+      return line + " " + readableSymbol(name) + " + " +
+             std::to_string(offset + (address - lookup));
     }
   }
   if (module != nullptr && module->start <= address) {
@@ -163,20 +169,22 @@ struct RegisterName {
 // rax, rcx, rsp, rip, eflags, csgsfs, err, trapno, oldmask, cr2; printed in
 // the usual reading order.
 constexpr RegisterName kX86Registers[] = {
-    {13, "rax"}, {11, "rbx"}, {14, "rcx"}, {12, "rdx"}, {8, "rdi"}, {9, "rsi"},  {10, "rbp"},
-    {15, "rsp"}, {0, "r8"},   {1, "r9"},   {2, "r10"},  {3, "r11"}, {4, "r12"},  {5, "r13"},
-    {6, "r14"},  {7, "r15"},  {16, "rip"}, {17, "rflags"}, {18, "cs/gs/fs"}, {19, "err"}, {20, "trapno"},
-    {22, "cr2"}};
+    {13, "rax"},      {11, "rbx"}, {14, "rcx"},    {12, "rdx"}, {8, "rdi"},  {9, "rsi"},
+    {10, "rbp"},      {15, "rsp"}, {0, "r8"},      {1, "r9"},   {2, "r10"},  {3, "r11"},
+    {4, "r12"},       {5, "r13"},  {6, "r14"},     {7, "r15"},  {16, "rip"}, {17, "rflags"},
+    {18, "cs/gs/fs"}, {19, "err"}, {20, "trapno"}, {22, "cr2"}};
 
 void appendRegisters(std::string& text, const ParsedCrashReport& report) {
   std::vector<std::pair<std::string, std::uint64_t>> named;
   const char* title = nullptr;
   if (report.registerSet == format::RegisterSet::x86_64 && report.registers.size() >= 23) {
     title = "X86-64";
-    for (const auto& r : kX86Registers) named.emplace_back(r.name, report.registers[static_cast<std::size_t>(r.index)]);
+    for (const auto& r : kX86Registers)
+      named.emplace_back(r.name, report.registers[static_cast<std::size_t>(r.index)]);
   } else if (report.registerSet == format::RegisterSet::aarch64 && report.registers.size() >= 34) {
     title = "ARM-64";
-    for (std::size_t i = 0; i < 29; ++i) named.emplace_back("x" + std::to_string(i), report.registers[i]);
+    for (std::size_t i = 0; i < 29; ++i)
+      named.emplace_back("x" + std::to_string(i), report.registers[i]);
     const char* tail[] = {"fp", "lr", "sp", "pc", "cpsr"};
     for (std::size_t i = 0; i < 5; ++i) named.emplace_back(tail[i], report.registers[29 + i]);
   }
@@ -184,7 +192,8 @@ void appendRegisters(std::string& text, const ParsedCrashReport& report) {
   text += "Thread 0 crashed with " + std::string(title) + " Thread State:\n";
   for (std::size_t i = 0; i < named.size(); ++i) {
     std::string label = named[i].first + ":";
-    text += std::string(label.size() < 12 ? 12 - label.size() : 1, ' ') + label + " " + hexAddress(named[i].second);
+    text += std::string(label.size() < 12 ? 12 - label.size() : 1, ' ') + label + " " +
+            hexAddress(named[i].second);
     if (i % 4 == 3 || i + 1 == named.size()) text += "\n";
   }
   text += "\n";
@@ -199,7 +208,8 @@ std::string crashTime(const ParsedCrashReport& report) {
   std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local);
   std::strftime(zone, sizeof zone, "%z", &local);
   char text[112];
-  std::snprintf(text, sizeof text, "%s.%03d %s", date, static_cast<int>(report.timeNanoseconds / 1000000), zone);
+  std::snprintf(text, sizeof text, "%s.%03d %s", date,
+                static_cast<int>(report.timeNanoseconds / 1000000), zone);
   return text;
 }
 
@@ -224,11 +234,16 @@ std::string signalName(int signal) {
 
 std::string signalCodeName(int signal, int code) {
   switch (code) {
-    case SI_USER: return "SI_USER";
-    case SI_KERNEL: return "SI_KERNEL";
-    case SI_QUEUE: return "SI_QUEUE";
-    case SI_TKILL: return "SI_TKILL";
-    default: break;
+    case SI_USER:
+      return "SI_USER";
+    case SI_KERNEL:
+      return "SI_KERNEL";
+    case SI_QUEUE:
+      return "SI_QUEUE";
+    case SI_TKILL:
+      return "SI_TKILL";
+    default:
+      break;
   }
   struct Name {
     int signal;
@@ -256,7 +271,8 @@ std::string signalCodeName(int signal, int code) {
   return "code " + std::to_string(code);
 }
 
-std::string formatCrashReportText(const ParsedCrashReport& report, const std::string& fallbackApplicationId,
+std::string formatCrashReportText(const ParsedCrashReport& report,
+                                  const std::string& fallbackApplicationId,
                                   const std::string& fallbackApplicationVersion) {
   static const Dwfl_Callbacks kCallbacks = {
       .find_elf = dwfl_build_id_find_elf,
@@ -269,12 +285,14 @@ std::string formatCrashReportText(const ParsedCrashReport& report, const std::st
 
   const bool mainThread = report.threadId == static_cast<std::uint64_t>(report.pid);
   std::string text;
-  text += header("Incident Identifier",
-                 report.incidentIdentifier.empty() ? support::randomUuid() : report.incidentIdentifier);
+  text +=
+      header("Incident Identifier",
+             report.incidentIdentifier.empty() ? support::randomUuid() : report.incidentIdentifier);
   text += header("Process", report.processName + " [" + std::to_string(report.pid) + "]");
-  text += header("Identifier", report.applicationId.empty() ? fallbackApplicationId : report.applicationId);
-  text += header("Version",
-                 report.applicationVersion.empty() ? fallbackApplicationVersion : report.applicationVersion);
+  text += header("Identifier",
+                 report.applicationId.empty() ? fallbackApplicationId : report.applicationId);
+  text += header("Version", report.applicationVersion.empty() ? fallbackApplicationVersion
+                                                              : report.applicationVersion);
   text += header("Date/Time", crashTime(report));
   text += header("OS Version", "Linux " + report.osRelease);
   text += "\n";
@@ -292,7 +310,8 @@ std::string formatCrashReportText(const ParsedCrashReport& report, const std::st
   text += "Binary Images:\n";
   for (const auto& module : modules) {
     text += hexAddress(module.start) + " - " + hexAddress(module.end) + " " + module.name + " <" +
-            (module.buildId.empty() ? "no build id" : module.buildId) + "> " + module.recorded->path + "\n";
+            (module.buildId.empty() ? "no build id" : module.buildId) + "> " +
+            module.recorded->path + "\n";
   }
   return text;
 }

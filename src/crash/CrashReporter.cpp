@@ -17,9 +17,9 @@ std::filesystem::path CrashReporter::reportDirectory() {
 }
 
 void CrashReporter::startCrashReporter(const Completion& completion) {
-  auto config = crash::CrashEngineConfig::make(
-      crash::CrashEngineConfig::kSignalHandlerTypeBSD,
-      crash::CrashEngineConfig::kSymbolicationStrategyRuntime);
+  auto config =
+      crash::CrashEngineConfig::make(crash::CrashEngineConfig::kSignalHandlerTypeBSD,
+                                     crash::CrashEngineConfig::kSymbolicationStrategyRuntime);
   if (!config) {
     support::warn("CrashReporter: the crash engine has no POSIX signal configuration");
     std::abort();

@@ -44,8 +44,8 @@ class CrashReporter {
   static constexpr std::int64_t kLoadFailed = 1;
   static constexpr std::int64_t kParseFailed = 2;
 
-  using Completion =
-      std::function<void(const std::optional<std::string>& text, const std::optional<Error>& error)>;
+  using Completion = std::function<void(const std::optional<std::string>& text,
+                                        const std::optional<Error>& error)>;
   // Makes the engine from a configuration; null when it cannot.
   using EngineFactory =
       std::function<std::unique_ptr<crash::CrashEngine>(const crash::CrashEngineConfig&)>;

@@ -180,7 +180,8 @@ void writeRegisters(ReportWriter& out, const void* context) {
   out.record(format::kRegisters, 8 + 8 * NGREG);
   out.value<std::uint32_t>(static_cast<std::uint32_t>(format::RegisterSet::x86_64));
   out.value<std::uint32_t>(NGREG);
-  for (int i = 0; i < NGREG; ++i) out.value<std::uint64_t>(static_cast<std::uint64_t>(uc->uc_mcontext.gregs[i]));
+  for (int i = 0; i < NGREG; ++i)
+    out.value<std::uint64_t>(static_cast<std::uint64_t>(uc->uc_mcontext.gregs[i]));
 #elif defined(__aarch64__)
   out.record(format::kRegisters, 8 + 8 * 34);
   out.value<std::uint32_t>(static_cast<std::uint32_t>(format::RegisterSet::aarch64));
@@ -213,7 +214,8 @@ void writeFrames(ReportWriter& out, void* context) {
   bool started = false;
 #if defined(__x86_64__)
   // libunwind's context on x86_64 is the ucontext_t the kernel handed us.
-  started = unw_init_local2(&cursor, static_cast<unw_context_t*>(context), UNW_INIT_SIGNAL_FRAME) == 0;
+  started =
+      unw_init_local2(&cursor, static_cast<unw_context_t*>(context), UNW_INIT_SIGNAL_FRAME) == 0;
 #else
   // Elsewhere: unwind from here up through the kernel's signal frame.
   unw_context_t here;
@@ -240,7 +242,8 @@ void writeFrames(ReportWriter& out, void* context) {
   }
 }
 
-const SnapshotModule* findSnapshot(const HandlerState& state, std::uint64_t bias, const char* linkName) {
+const SnapshotModule* findSnapshot(const HandlerState& state, std::uint64_t bias,
+                                   const char* linkName) {
   for (const SnapshotModule& m : state.modules) {
     if (m.bias == bias && std::strcmp(m.linkName.c_str(), linkName) == 0) return &m;
   }
@@ -253,7 +256,8 @@ void writeModules(ReportWriter& out, const HandlerState& state) {
   const volatile r_debug& loader = _r_debug;
   std::size_t written = 0;
   if (loader.r_version >= 1 && loader.r_state == r_debug::RT_CONSISTENT) {
-    for (const link_map* m = loader.r_map; m != nullptr && written < format::kMaxModules; m = m->l_next) {
+    for (const link_map* m = loader.r_map; m != nullptr && written < format::kMaxModules;
+         m = m->l_next) {
       const char* name = m->l_name != nullptr ? m->l_name : "";
       if (const SnapshotModule* known = findSnapshot(state, m->l_addr, name)) {
         writeSnapshotModule(out, *known);
@@ -270,7 +274,8 @@ void writeModules(ReportWriter& out, const HandlerState& state) {
   }
 }
 
-void writeReport(const HandlerState& state, int signal, const siginfo_t* info, void* context, int tid) {
+void writeReport(const HandlerState& state, int signal, const siginfo_t* info, void* context,
+                 int tid) {
   timespec started{};
   clock_gettime(CLOCK_MONOTONIC, &started);
   timespec now{};
@@ -298,7 +303,8 @@ void writeReport(const HandlerState& state, int signal, const siginfo_t* info, v
   out.record(format::kSignal, 4 + 4 + 8 + 4);
   out.value<std::int32_t>(signal);
   out.value<std::int32_t>(code);
-  out.value<std::uint64_t>(info != nullptr && !sentByProcess ? reinterpret_cast<std::uintptr_t>(info->si_addr) : 0);
+  out.value<std::uint64_t>(
+      info != nullptr && !sentByProcess ? reinterpret_cast<std::uintptr_t>(info->si_addr) : 0);
   out.value<std::int32_t>(sentByProcess ? info->si_pid : 0);
 
   out.record(format::kThread, 8);
@@ -389,7 +395,8 @@ void onFatalSignal(int signal, siginfo_t* info, void* context) {
 }
 
 // The GNU build id from a module's mapped PT_NOTE segment.
-void readBuildId(const char* notes, std::size_t size, std::size_t alignment, SnapshotModule& module) {
+void readBuildId(const char* notes, std::size_t size, std::size_t alignment,
+                 SnapshotModule& module) {
   std::size_t at = 0;
   const auto align = [alignment](std::size_t n) { return (n + alignment - 1) & ~(alignment - 1); };
   while (at + sizeof(ElfW(Nhdr)) <= size) {
@@ -401,7 +408,8 @@ void readBuildId(const char* notes, std::size_t size, std::size_t alignment, Sna
     if (descAt + header.n_descsz > size) return;
     if (header.n_type == NT_GNU_BUILD_ID && header.n_namesz == 4 &&
         std::memcmp(notes + nameAt, "GNU", 4) == 0) {
-      module.buildIdLength = static_cast<std::uint32_t>(std::min<std::size_t>(header.n_descsz, format::kMaxBuildIdBytes));
+      module.buildIdLength = static_cast<std::uint32_t>(
+          std::min<std::size_t>(header.n_descsz, format::kMaxBuildIdBytes));
       std::memcpy(module.buildId, notes + descAt, module.buildIdLength);
       return;
     }
@@ -460,7 +468,8 @@ class ThreadAlternateStack {
   ~ThreadAlternateStack() {
     if (memory_ == nullptr) return;
     stack_t current = {};
-    if (sigaltstack(nullptr, &current) == 0 && current.ss_sp == static_cast<char*>(memory_) + guard_) {
+    if (sigaltstack(nullptr, &current) == 0 &&
+        current.ss_sp == static_cast<char*>(memory_) + guard_) {
       stack_t off = {};
       off.ss_flags = SS_DISABLE;
       sigaltstack(&off, nullptr);
@@ -479,7 +488,8 @@ class ThreadAlternateStack {
     std::size_t size = kAltStackBytes;
     const long minimum = sysconf(_SC_SIGSTKSZ);
     if (minimum > 0) size = std::max(size, static_cast<std::size_t>(minimum) * 4);
-    void* memory = mmap(nullptr, size + guard, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* memory =
+        mmap(nullptr, size + guard, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
       *error = std::string("cannot map the alternate signal stack: ") + std::strerror(errno);
       return false;
@@ -526,11 +536,13 @@ bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* er
   state->applicationId = settings.applicationId;
   state->applicationVersion = settings.applicationVersion;
   state->incidentIdentifier = support::randomUuid();
-  state->processName = program_invocation_short_name != nullptr ? program_invocation_short_name : "";
+  state->processName =
+      program_invocation_short_name != nullptr ? program_invocation_short_name : "";
   utsname system = {};
   if (uname(&system) == 0) state->osRelease = system.release;
   std::error_code ignored;
-  const std::string mainProgramPath = std::filesystem::read_symlink("/proc/self/exe", ignored).string();
+  const std::string mainProgramPath =
+      std::filesystem::read_symlink("/proc/self/exe", ignored).string();
   SnapshotContext snapshot{&state->modules, &mainProgramPath};
   dl_iterate_phdr(collectModule, &snapshot);
 
@@ -545,8 +557,8 @@ bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* er
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigemptyset(&action.sa_mask);
     if (sigaction(kSignals[i], &action, &published->previous[i]) != 0) {
-      *error = std::string("cannot install the handler for signal ") + std::to_string(kSignals[i]) + ": " +
-               std::strerror(errno);
+      *error = std::string("cannot install the handler for signal ") + std::to_string(kSignals[i]) +
+               ": " + std::strerror(errno);
       for (std::size_t j = 0; j < i; ++j) sigaction(kSignals[j], &published->previous[j], nullptr);
       gState.store(nullptr);
       return false;
@@ -560,6 +572,8 @@ bool installAlternateSignalStackOnThisThread(std::string* error) {
   return tAlternateStack.install(error != nullptr ? error : &ignored);
 }
 
-void setSuppressCurrentCrash() noexcept { gSuppress.store(true); }
+void setSuppressCurrentCrash() noexcept {
+  gSuppress.store(true);
+}
 
 }  // namespace velquin::crash

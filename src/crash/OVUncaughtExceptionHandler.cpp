@@ -46,12 +46,23 @@ std::string quoted(const std::string& value) {
   std::string text = "\"";
   for (char c : value) {
     switch (c) {
-      case '"': text += "\\\""; break;
-      case '\\': text += "\\\\"; break;
-      case '\n': text += "\\n"; break;
-      case '\r': text += "\\r"; break;
-      case '\t': text += "\\t"; break;
-      default: text += c;
+      case '"':
+        text += "\\\"";
+        break;
+      case '\\':
+        text += "\\\\";
+        break;
+      case '\n':
+        text += "\\n";
+        break;
+      case '\r':
+        text += "\\r";
+        break;
+      case '\t':
+        text += "\\t";
+        break;
+      default:
+        text += c;
     }
   }
   return text + "\"";
@@ -103,8 +114,8 @@ std::vector<std::string> currentStack() {
       symbol = demangle(name) + " + " + std::to_string(offset);
     }
     char head[96];
-    std::snprintf(head, sizeof head, "%-3zu %-24s 0x%016" PRIxPTR " ", lines.size(),
-                  module.c_str(), static_cast<std::uintptr_t>(ip));
+    std::snprintf(head, sizeof head, "%-3zu %-24s 0x%016" PRIxPTR " ", lines.size(), module.c_str(),
+                  static_cast<std::uintptr_t>(ip));
     lines.push_back(head + symbol);
   } while (lines.size() < static_cast<std::size_t>(kMaxFrames) && unw_step(&cursor) > 0);
   return lines;

@@ -42,7 +42,9 @@ Checksum addChecksum(Checksum sum, bool bigEndianWords, const std::uint8_t* data
   return sum;
 }
 
-Checksum storedChecksum(const std::uint8_t* at) { return {bigEndian32(at), bigEndian32(at + 4)}; }
+Checksum storedChecksum(const std::uint8_t* at) {
+  return {bigEndian32(at), bigEndian32(at + 4)};
+}
 
 bool validPageSize(std::uint32_t size) {
   return size >= 512 && size <= 65536 && (size & (size - 1)) == 0;
@@ -51,8 +53,8 @@ bool validPageSize(std::uint32_t size) {
 }  // namespace
 
 std::size_t WalSurvey::framesAfter(std::uint32_t kept) const {
-  return static_cast<std::size_t>(
-      saltFrames.end() - std::upper_bound(saltFrames.begin(), saltFrames.end(), kept));
+  return static_cast<std::size_t>(saltFrames.end() -
+                                  std::upper_bound(saltFrames.begin(), saltFrames.end(), kept));
 }
 
 WalSurvey surveyWal(const std::filesystem::path& wal) {

@@ -7,9 +7,9 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <algorithm>
-#include <cerrno>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <ctime>

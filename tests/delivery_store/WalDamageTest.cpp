@@ -63,7 +63,9 @@ class WalDamage : public ::testing::Test {
     file.write(&byte, 1);
   }
   // An offset inside the page that frame `frame` (1-based) carries.
-  static std::size_t insidePageOf(std::size_t frame) { return 32 + (frame - 1) * kFrameSize + 24 + 100; }
+  static std::size_t insidePageOf(std::size_t frame) {
+    return 32 + (frame - 1) * kFrameSize + 24 + 100;
+  }
 
   // Opens the copy through the table store; its warnings, and the rows.
   std::int64_t openAndCount(std::string& log) {
@@ -94,7 +96,8 @@ TEST_F(WalDamage, ADamagedFrameIsReportedAndTheLogKeptBeforeRecovery) {
   flipByteAt(insidePageOf(frames / 2));
   const auto originalSize = std::filesystem::file_size(wal());
   std::vector<char> original(originalSize);
-  std::ifstream(wal(), std::ios::binary).read(original.data(), static_cast<std::streamsize>(originalSize));
+  std::ifstream(wal(), std::ios::binary)
+      .read(original.data(), static_cast<std::streamsize>(originalSize));
 
   const WalSurvey survey = surveyWal(wal());
   EXPECT_TRUE(survey.damaged());
@@ -111,11 +114,12 @@ TEST_F(WalDamage, ADamagedFrameIsReportedAndTheLogKeptBeforeRecovery) {
   // One warning naming the copy and what was lost.
   EXPECT_THAT(log, HasSubstr("write-ahead log of " + database().string() + " is damaged"));
   EXPECT_THAT(log, HasSubstr("kept as " + copies[0].string()));
-  EXPECT_THAT(log, HasSubstr(std::to_string(frames - survey.recoverable) + " frame(s) after frame " +
-                             std::to_string(survey.recoverable)));
+  EXPECT_THAT(log, HasSubstr(std::to_string(frames - survey.recoverable) +
+                             " frame(s) after frame " + std::to_string(survey.recoverable)));
   // The copy is the log as the crashed writer left it, byte for byte.
   std::vector<char> kept(std::filesystem::file_size(copies[0]));
-  std::ifstream(copies[0], std::ios::binary).read(kept.data(), static_cast<std::streamsize>(kept.size()));
+  std::ifstream(copies[0], std::ios::binary)
+      .read(kept.data(), static_cast<std::streamsize>(kept.size()));
   EXPECT_EQ(kept, original);
 
   // Opening again finds nothing more to report; the copy stays.

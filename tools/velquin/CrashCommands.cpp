@@ -54,7 +54,9 @@ namespace velquin::cli {
 #endif
 }
 
-[[gnu::noinline]] void crashHostABRT() { std::abort(); }
+[[gnu::noinline]] void crashHostABRT() {
+  std::abort();
+}
 
 [[gnu::noinline]] void crashHostTRAP() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -91,7 +93,9 @@ volatile bool recursionEnds = false;
   throw std::runtime_error("velquin crash: an uncaught std::runtime_error");
 }
 
-[[gnu::noinline]] void throwInt() { throw 42; }
+[[gnu::noinline]] void throwInt() {
+  throw 42;
+}
 
 namespace {
 

@@ -70,12 +70,14 @@ class CrashRoad : public SandboxTest {
 struct Crash {
   const char* name;
   std::vector<std::string> args;
-  int signal;                        // what ends the crashing host
-  const char* eventName;             // what the backend receives at the next start
+  int signal;                         // what ends the crashing host
+  const char* eventName;              // what the backend receives at the next start
   std::vector<std::string> mentions;  // what the event's text must name
 };
 
-void PrintTo(const Crash& crash, std::ostream* out) { *out << crash.name; }
+void PrintTo(const Crash& crash, std::ostream* out) {
+  *out << crash.name;
+}
 
 class EachCrash : public CrashRoad, public ::testing::WithParamInterface<Crash> {};
 
@@ -84,15 +86,15 @@ TEST_P(EachCrash, TheNextStartSendsOneEventNamingTheCauseAndTheCrashingFunction)
   std::vector<std::string> args{"crash"};
   args.insert(args.end(), crash.args.begin(), crash.args.end());
   HostRun crashed = host(args);
-  ASSERT_EQ(crashed.signal, crash.signal)
-      << "exit " << crashed.exitCode << ", output:\n" << crashed.output;
+  ASSERT_EQ(crashed.signal, crash.signal) << "exit " << crashed.exitCode << ", output:\n"
+                                          << crashed.output;
 
   nextStart();
   auto events = eventsNamed(crash.eventName);
   ASSERT_EQ(events.size(), 1u) << "events: " << server->events().size();
   for (const auto& mention : crash.mentions) {
-    EXPECT_NE(events[0].value.find(mention), std::string::npos)
-        << "no \"" << mention << "\" in:\n" << events[0].value;
+    EXPECT_NE(events[0].value.find(mention), std::string::npos) << "no \"" << mention << "\" in:\n"
+                                                                << events[0].value;
   }
   // One report per crash: the abort that ends an uncaught exception is not
   // reported again by the signal engine, and a signal leaves no exception
@@ -110,15 +112,26 @@ INSTANTIATE_TEST_SUITE_P(
         Crash{"FPE", {"--signal", "FPE"}, SIGFPE, "fatal_crash", {"SIGFPE", "crashHostFPE"}},
         Crash{"ABRT", {"--signal", "ABRT"}, SIGABRT, "fatal_crash", {"SIGABRT", "crashHostABRT"}},
         Crash{"TRAP", {"--signal", "TRAP"}, SIGTRAP, "fatal_crash", {"SIGTRAP", "crashHostTRAP"}},
-        Crash{"Thread", {"--thread"}, SIGSEGV, "fatal_crash",
+        Crash{"Thread",
+              {"--thread"},
+              SIGSEGV,
+              "fatal_crash",
               {"SIGSEGV", "crashHostSEGV", "crashHostWorkerThread"}},
-        Crash{"StackOverflow", {"--stack-overflow"}, SIGSEGV, "fatal_crash",
+        Crash{"StackOverflow",
+              {"--stack-overflow"},
+              SIGSEGV,
+              "fatal_crash",
               {"SIGSEGV", "crashHostStackOverflow"}},
-        Crash{"RuntimeError", {"--exception"}, SIGABRT, "falal_crash",
+        Crash{"RuntimeError",
+              {"--exception"},
+              SIGABRT,
+              "falal_crash",
               {"Exception reason\uFF1AOptional(\"std::runtime_error\")",
-               "Optional(\"velquin crash: an uncaught std::runtime_error\")",
-               "throwStdException"}},
-        Crash{"ThrownInt", {"--exception", "int"}, SIGABRT, "falal_crash",
+               "Optional(\"velquin crash: an uncaught std::runtime_error\")", "throwStdException"}},
+        Crash{"ThrownInt",
+              {"--exception", "int"},
+              SIGABRT,
+              "falal_crash",
               {"Exception reason\uFF1AOptional(\"int\")\n Exception name\uFF1Anil\n", "throwInt"}}),
     [](const ::testing::TestParamInfo<Crash>& param) { return std::string(param.param.name); });
 
@@ -139,8 +152,8 @@ TEST_F(CrashRoad, AReportIsSentByTheFirstStartAfterTheCrashOnly) {
 TEST_F(CrashRoad, ACorruptPendingReportIsPrintedPurgedAndNeverSent) {
   ASSERT_EQ(host({"crash", "--signal", "SEGV"}).signal, SIGSEGV);
   ASSERT_GE(filesInReportFolder(), 1u);
-  for (const auto& entry : std::filesystem::directory_iterator(
-           env.root() / "data" / env.bundleId() / "CrashReports")) {
+  for (const auto& entry :
+       std::filesystem::directory_iterator(env.root() / "data" / env.bundleId() / "CrashReports")) {
     if (entry.is_regular_file()) std::ofstream(entry.path(), std::ios::trunc) << "not a report";
   }
 

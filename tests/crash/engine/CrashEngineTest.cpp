@@ -54,7 +54,8 @@ std::string firstFrameOf(const std::string& text) {
 
 std::vector<std::string> filesIn(const fs::path& folder) {
   std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
+  for (const auto& entry : fs::directory_iterator(folder))
+    names.push_back(entry.path().filename().string());
   return names;
 }
 
@@ -100,7 +101,8 @@ class CrashEngineTest : public ::testing::Test {
       ADD_FAILURE() << error.description;
       return std::nullopt;
     }
-    Delivered delivered{*parsed, reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS), data->size()};
+    Delivered delivered{*parsed, reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS),
+                        data->size()};
     EXPECT_FALSE(delivered.text.empty());
     EXPECT_TRUE(reader->purgePendingCrashReport());
     EXPECT_FALSE(reader->hasPendingCrashReport());
@@ -109,7 +111,8 @@ class CrashEngineTest : public ::testing::Test {
 
   static void printFigures(const std::string& what, const Delivered& delivered) {
     std::printf("crash handler (%s): %.3f ms to write the report, %zu bytes\n", what.c_str(),
-                static_cast<double>(delivered.report.handlerNanoseconds.value_or(0)) / 1e6, delivered.bytes);
+                static_cast<double>(delivered.report.handlerNanoseconds.value_or(0)) / 1e6,
+                delivered.bytes);
   }
 
   fs::path root_;
@@ -123,9 +126,11 @@ struct FatalSignalCase {
   const char* crashingFunction;
 };
 
-class FatalSignalTest : public CrashEngineTest, public ::testing::WithParamInterface<FatalSignalCase> {};
+class FatalSignalTest : public CrashEngineTest,
+                        public ::testing::WithParamInterface<FatalSignalCase> {};
 
-TEST_P(FatalSignalTest, TheProcessDiesByItsSignalAndTheNextStartReadsAReportNamingTheCrashingFunction) {
+TEST_P(FatalSignalTest,
+       TheProcessDiesByItsSignalAndTheNextStartReadsAReportNamingTheCrashingFunction) {
   const FatalSignalCase& c = GetParam();
   const Outcome outcome = runVictim({folder_.string(), c.way});
   ASSERT_TRUE(outcome.finished) << "the crashing process hung";
@@ -136,12 +141,15 @@ TEST_P(FatalSignalTest, TheProcessDiesByItsSignalAndTheNextStartReadsAReportNami
   ASSERT_TRUE(delivered);
   const ParsedCrashReport& report = delivered->report;
   EXPECT_EQ(report.signal, c.signal);
-  EXPECT_EQ(report.threadId, static_cast<std::uint64_t>(report.pid)) << "crashed on the main thread";
+  EXPECT_EQ(report.threadId, static_cast<std::uint64_t>(report.pid))
+      << "crashed on the main thread";
   EXPECT_FALSE(report.frames.empty());
   EXPECT_TRUE(report.handlerNanoseconds) << "the handler times itself";
 
   const std::string& text = delivered->text;
-  EXPECT_NE(text.find("Exception Type:      " + std::string(c.exceptionType) + "\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("Exception Type:      " + std::string(c.exceptionType) + "\n"),
+            std::string::npos)
+      << text;
   EXPECT_NE(text.find("Process:             crash_victim [" + std::to_string(report.pid) + "]\n"),
             std::string::npos)
       << text;
@@ -157,13 +165,16 @@ TEST_P(FatalSignalTest, TheProcessDiesByItsSignalAndTheNextStartReadsAReportNami
 
 INSTANTIATE_TEST_SUITE_P(
     EachSignal, FatalSignalTest,
-    ::testing::Values(FatalSignalCase{"segv", SIGSEGV, "SIGSEGV", "victim::writeThroughBadPointer()"},
-                      FatalSignalCase{"bus", SIGBUS, "SIGBUS", "victim::readPastTruncatedFile()"},
-                      FatalSignalCase{"ill", SIGILL, "SIGILL", "victim::executeUndefinedInstruction()"},
-                      FatalSignalCase{"fpe", SIGFPE, "SIGFPE", "victim::divideByZero()"},
-                      FatalSignalCase{"abrt", SIGABRT, "SIGABRT", "victim::abortNow()"},
-                      FatalSignalCase{"trap", SIGTRAP, "SIGTRAP", "victim::hitBreakpoint()"}),
-    [](const ::testing::TestParamInfo<FatalSignalCase>& param) { return std::string(param.param.way); });
+    ::testing::Values(
+        FatalSignalCase{"segv", SIGSEGV, "SIGSEGV", "victim::writeThroughBadPointer()"},
+        FatalSignalCase{"bus", SIGBUS, "SIGBUS", "victim::readPastTruncatedFile()"},
+        FatalSignalCase{"ill", SIGILL, "SIGILL", "victim::executeUndefinedInstruction()"},
+        FatalSignalCase{"fpe", SIGFPE, "SIGFPE", "victim::divideByZero()"},
+        FatalSignalCase{"abrt", SIGABRT, "SIGABRT", "victim::abortNow()"},
+        FatalSignalCase{"trap", SIGTRAP, "SIGTRAP", "victim::hitBreakpoint()"}),
+    [](const ::testing::TestParamInfo<FatalSignalCase>& param) {
+      return std::string(param.param.way);
+    });
 
 TEST_F(CrashEngineTest, ReportsTheFaultAddressTheCodeAndTheTimeOfTheFault) {
   const std::time_t before = std::time(nullptr);
@@ -173,7 +184,8 @@ TEST_F(CrashEngineTest, ReportsTheFaultAddressTheCodeAndTheTimeOfTheFault) {
   {
     auto reader = engine();
     EngineError error;
-    const auto parsed = reader->parseCrashReport(*reader->loadPendingCrashReportData(&error), &error);
+    const auto parsed =
+        reader->parseCrashReport(*reader->loadPendingCrashReportData(&error), &error);
     ASSERT_TRUE(parsed) << error.description;
     const std::string once = reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS);
     const std::string twice = reader->formatCrashReport(*parsed, kCrashReportTextFormatiOS);
@@ -185,14 +197,17 @@ TEST_F(CrashEngineTest, ReportsTheFaultAddressTheCodeAndTheTimeOfTheFault) {
   EXPECT_GE(delivered->report.timeSeconds, before);
   EXPECT_LE(delivered->report.timeSeconds, after);
   const std::string& text = delivered->text;
-  EXPECT_NE(text.find("Exception Codes:     SEGV_MAPERR at 0x0000000000000001\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("Exception Codes:     SEGV_MAPERR at 0x0000000000000001\n"),
+            std::string::npos)
+      << text;
   // The first frame is the faulting instruction itself, and the registers
   // say where it is.
   EXPECT_NE(firstFrameOf(text).find("victim::writeThroughBadPointer()"), std::string::npos) << text;
 #if defined(__x86_64__)
   EXPECT_NE(text.find("Thread 0 crashed with X86-64 Thread State:"), std::string::npos) << text;
   char rip[40];
-  std::snprintf(rip, sizeof rip, "rip: 0x%016llx", static_cast<unsigned long long>(delivered->report.frames[0]));
+  std::snprintf(rip, sizeof rip, "rip: 0x%016llx",
+                static_cast<unsigned long long>(delivered->report.frames[0]));
   EXPECT_NE(text.find(rip), std::string::npos) << text;
 #endif
   // A report is delivered once: after the purge nothing is pending.
@@ -217,7 +232,8 @@ TEST_F(CrashEngineTest, ReportsAStackOverflowOnAThreadWithTheAlternateStack) {
   EXPECT_EQ(outcome.signal, SIGSEGV);
   const auto delivered = deliver();
   ASSERT_TRUE(delivered);
-  EXPECT_NE(framesOf(delivered->text).find("victim::overflowStack(int)"), std::string::npos) << delivered->text;
+  EXPECT_NE(framesOf(delivered->text).find("victim::overflowStack(int)"), std::string::npos)
+      << delivered->text;
   // The unwinder stops at the frame limit instead of walking the whole stack.
   EXPECT_EQ(delivered->report.frames.size(), format::kMaxFrames);
 
@@ -226,7 +242,8 @@ TEST_F(CrashEngineTest, ReportsAStackOverflowOnAThreadWithTheAlternateStack) {
   const auto onThread = deliver();
   ASSERT_TRUE(onThread);
   EXPECT_NE(onThread->report.threadId, static_cast<std::uint64_t>(onThread->report.pid));
-  EXPECT_NE(framesOf(onThread->text).find("victim::overflowStack(int)"), std::string::npos) << onThread->text;
+  EXPECT_NE(framesOf(onThread->text).find("victim::overflowStack(int)"), std::string::npos)
+      << onThread->text;
 }
 
 TEST_F(CrashEngineTest, NamesALibraryLoadedAfterEnableAndItsSymbols) {
@@ -243,7 +260,8 @@ TEST_F(CrashEngineTest, NamesALibraryLoadedAfterEnableAndItsSymbols) {
   const auto image = delivered->text.find(" " + plugin + " <");
   ASSERT_NE(image, std::string::npos) << delivered->text;
   const auto lineStart = delivered->text.rfind('\n', image) + 1;
-  const std::string line = delivered->text.substr(lineStart, delivered->text.find('\n', image) - lineStart);
+  const std::string line =
+      delivered->text.substr(lineStart, delivered->text.find('\n', image) - lineStart);
   EXPECT_EQ(line.find("0x0000000000000000 - "), std::string::npos) << line;
   EXPECT_EQ(line.find("<no build id>"), std::string::npos) << line;
 }
@@ -261,8 +279,9 @@ TEST_F(CrashEngineTest, ChainsTheHandlerInstalledBeforeItAndStillDies) {
   std::ifstream in(marker);
   long long elapsed = 0;
   in >> elapsed;
-  std::printf("crash handler: %.3f ms from the fault to the chained handler (report written and renamed)\n",
-              static_cast<double>(elapsed) / 1e6);
+  std::printf(
+      "crash handler: %.3f ms from the fault to the chained handler (report written and renamed)\n",
+      static_cast<double>(elapsed) / 1e6);
 }
 
 TEST_F(CrashEngineTest, ASecondFaultWhileWritingNeitherHangsNorLoops) {
@@ -280,7 +299,8 @@ TEST_F(CrashEngineTest, ASecondFaultWhileWritingNeitherHangsNorLoops) {
   EXPECT_EQ(outcome.signal, SIGSEGV);
   const auto delivered = deliver();
   ASSERT_TRUE(delivered);
-  EXPECT_NE(framesOf(delivered->text).find("victim::crashTogether()"), std::string::npos) << delivered->text;
+  EXPECT_NE(framesOf(delivered->text).find("victim::crashTogether()"), std::string::npos)
+      << delivered->text;
   EXPECT_EQ(filesIn(folder_), std::vector<std::string>{});
 }
 
@@ -337,7 +357,8 @@ TEST_F(CrashEngineTest, DamagedReportsAreParseErrors) {
   changed.push_back(std::byte{0});
   rejects(changed, "follows its end record");
   std::vector<std::byte> garbage(4096);
-  for (std::size_t i = 0; i < garbage.size(); ++i) garbage[i] = std::byte(static_cast<unsigned char>(i * 131 + 7));
+  for (std::size_t i = 0; i < garbage.size(); ++i)
+    garbage[i] = std::byte(static_cast<unsigned char>(i * 131 + 7));
   rejects(garbage, "wrong magic");
   // A record length that runs past the end, right after a valid header.
   std::vector<std::byte> header(whole->begin(), whole->begin() + 12);
@@ -348,7 +369,8 @@ TEST_F(CrashEngineTest, DamagedReportsAreParseErrors) {
 
   // A garbage file where the report belongs: loaded, not parsed, purged.
   ASSERT_TRUE(reader->purgePendingCrashReport());
-  std::ofstream(folder_ / format::kPendingFileName, std::ios::binary) << "not a crash report at all";
+  std::ofstream(folder_ / format::kPendingFileName, std::ios::binary)
+      << "not a crash report at all";
   ASSERT_TRUE(reader->hasPendingCrashReport());
   const auto bytes = reader->loadPendingCrashReportData(&error);
   ASSERT_TRUE(bytes);

@@ -7,10 +7,10 @@
 // second thread), overflow (stack overflow on the enabling thread),
 // thread-overflow (on a second thread that installed an alternate stack), chain
 // MARKER (a handler installed before the engine writes MARKER), chain-crash
-// (that earlier handler aborts, entering the engine's handler again), suppress (the suppression hook, then
-// abort), readonly (the folder turns read-only before the crash), two-threads
-// (two threads fault at the same moment), plugin LIBRARY (the crash happens
-// in a library loaded after enable).
+// (that earlier handler aborts, entering the engine's handler again), suppress (the suppression
+// hook, then abort), readonly (the folder turns read-only before the crash), two-threads (two
+// threads fault at the same moment), plugin LIBRARY (the crash happens in a library loaded after
+// enable).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -83,7 +83,9 @@ __attribute__((noinline)) void hitBreakpoint() {
 #endif
 }
 
-__attribute__((noinline)) void abortNow() { std::abort(); }
+__attribute__((noinline)) void abortNow() {
+  std::abort();
+}
 
 __attribute__((noinline)) int overflowStack(int depth) {
   volatile char frame[512];
@@ -114,7 +116,8 @@ __attribute__((noinline)) void crashTogether() {
 void writeMarker(int) {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const long long elapsed = (now.tv_sec - gCrashStarted.tv_sec) * 1000000000LL + (now.tv_nsec - gCrashStarted.tv_nsec);
+  const long long elapsed =
+      (now.tv_sec - gCrashStarted.tv_sec) * 1000000000LL + (now.tv_nsec - gCrashStarted.tv_nsec);
   char text[32];
   int length = 0;
   char digits[24];
@@ -132,7 +135,9 @@ void writeMarker(int) {
   }
 }
 
-void abortInsideHandler(int) { std::abort(); }
+void abortInsideHandler(int) {
+  std::abort();
+}
 
 void installEarlierHandler(void (*handler)(int)) {
   struct sigaction action = {};
@@ -202,7 +207,8 @@ int main(int argc, char** argv) {
   }
 
   clock_gettime(CLOCK_MONOTONIC, &gCrashStarted);
-  if (way == "segv" || way == "chain" || way == "chain-crash" || way == "readonly") writeThroughBadPointer();
+  if (way == "segv" || way == "chain" || way == "chain-crash" || way == "readonly")
+    writeThroughBadPointer();
   if (way == "bus") readPastTruncatedFile();
   if (way == "ill") executeUndefinedInstruction();
   if (way == "fpe") divideByZero();

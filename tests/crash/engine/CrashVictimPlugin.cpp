@@ -4,7 +4,9 @@ namespace plugin {
 
 volatile int* gNowhere = nullptr;
 
-__attribute__((noinline)) void crashInsidePlugin() { *gNowhere = 7; }
+__attribute__((noinline)) void crashInsidePlugin() {
+  *gNowhere = 7;
+}
 
 }  // namespace plugin
 

@@ -94,12 +94,12 @@ class CrashReporterTest : public ::testing::Test {
   void SetUp() override { env.installAsMainBundle(); }
 
   Delivery start(bool engineMade = true) {
-    CrashReporter reporter([this, engineMade](const CrashEngineConfig& config)
-                               -> std::unique_ptr<CrashEngine> {
-      script.config = config;
-      if (!engineMade) return nullptr;
-      return std::make_unique<ScriptedEngine>(script);
-    });
+    CrashReporter reporter(
+        [this, engineMade](const CrashEngineConfig& config) -> std::unique_ptr<CrashEngine> {
+          script.config = config;
+          if (!engineMade) return nullptr;
+          return std::make_unique<ScriptedEngine>(script);
+        });
     Delivery delivery;
     ::testing::internal::CaptureStdout();
     reporter.startCrashReporter(
