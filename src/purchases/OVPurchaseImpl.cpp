@@ -93,11 +93,18 @@ void OVPurchaseImpl::configureSDK(const std::string& appKey) {
             [](std::optional<iap::Subscriber> subscriber, std::optional<Error>, std::int64_t) {
               subscriberFrom(subscriber ? &*subscriber : nullptr);
             });
-        self->networkManager_->getAppConfig(
-            [weak](std::optional<iap::GetAppConfigResponse> config, std::optional<Error> error) {
-              if (auto owner = weak.lock())
-                owner->handleAppConfig(config ? &*config : nullptr, error);
-            });
+        self->requestAppConfig();
+      });
+}
+
+void OVPurchaseImpl::requestAppConfig(AppConfigReply then) {
+  std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
+  networkManager_->getAppConfig(
+      [weak, then = std::move(then)](std::optional<iap::GetAppConfigResponse> reply,
+                                     std::optional<Error> error) {
+        const iap::GetAppConfigResponse* answer = reply ? &*reply : nullptr;
+        if (auto self = weak.lock()) self->handleAppConfig(answer, error);
+        if (then) then(answer, error);
       });
 }
 
@@ -446,16 +453,13 @@ void OVPurchaseImpl::getPurchaseProductIds(ProductIdsCompletion completion) {
     if (completion) completion(std::move(cached), std::nullopt);
     return;
   }
-  std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
-  networkManager_->getAppConfig(
-      [weak, completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
-                                                 std::optional<Error> error) {
-        if (auto self = weak.lock()) self->handleAppConfig(reply ? &*reply : nullptr, error);
-        if (!completion) return;
-        std::vector<std::string> ids;
-        if (reply) ids.assign(reply->product_ids().begin(), reply->product_ids().end());
-        completion(std::move(ids), std::move(error));
-      });
+  requestAppConfig([completion = std::move(completion)](const iap::GetAppConfigResponse* reply,
+                                                        const std::optional<Error>& error) {
+    if (!completion) return;
+    std::vector<std::string> ids;
+    if (reply) ids.assign(reply->product_ids().begin(), reply->product_ids().end());
+    completion(std::move(ids), error);
+  });
 }
 
 void OVPurchaseImpl::getSkuDetails(const std::set<std::string>& productIds,
@@ -530,15 +534,12 @@ void OVPurchaseImpl::loadPaywallToPurachase(PaywallCompletion completion) {
 }
 
 void OVPurchaseImpl::fetchPaywallPage(PageCompletion completion) {
-  std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
-  networkManager_->getAppConfig(
-      [weak, completion = std::move(completion)](std::optional<iap::GetAppConfigResponse> reply,
-                                                 std::optional<Error> error) {
-        if (auto self = weak.lock()) self->handleAppConfig(reply ? &*reply : nullptr, error);
-        if (!completion) return;
-        if (reply && !error) return completion(reply->paywall_page(), std::nullopt);
-        completion(std::nullopt, std::move(error));
-      });
+  requestAppConfig([completion = std::move(completion)](const iap::GetAppConfigResponse* reply,
+                                                        const std::optional<Error>& error) {
+    if (!completion) return;
+    if (reply && !error) return completion(reply->paywall_page(), std::nullopt);
+    completion(std::nullopt, error);
+  });
 }
 
 void OVPurchaseImpl::showPaywall(const std::string& html, PaywallCompletion completion) {

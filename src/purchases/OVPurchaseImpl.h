@@ -98,6 +98,11 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   GRPCserviceManager& networkManager() { return *networkManager_; }
   OVDataCache& dataCache() { return *dataCache_; }
 
+  // Sends GetAppConfig; every answer is handled (handleAppConfig) before
+  // `then` sees it (reply null on failure), on the RPC callback thread.
+  using AppConfigReply =
+      std::function<void(const iap::GetAppConfigResponse* reply, const std::optional<Error>& error)>;
+  void requestAppConfig(AppConfigReply then = nullptr);
   // Stores the pages and product ids of a GetAppConfig answer (or logs the
   // error), starts fetching the products, and posts
   // kAppConfigHandledNotification.

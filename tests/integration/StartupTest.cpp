@@ -2,7 +2,6 @@
 // what Init reports about the device, the order of the chain, and how bad
 // token files and failing calls are survived.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <fstream>
 #include <thread>
@@ -16,6 +15,7 @@
 #include "purchases/OVDataCache.h"
 #include "purchases/OVPurchaseImpl.h"
 #include "support/Await.h"
+#include "support/ChildProcess.h"
 #include "velquin/OVPurchase.h"
 #include "velquin/Velquin.h"
 
@@ -244,20 +244,13 @@ TEST_F(Startup, AHostReturningFromMainMidStartUpExitsCleanly) {
   // live for the process by design.
   setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
   for (int micros = 0; micros <= 24000; micros += 2000) {
-    std::string command = "'";
-    command += (binDir() / "exiting_host").string();
-    command += "' '" + env.bundleDir().string() + "' " + std::to_string(micros) + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string output;
-    char buffer[4096];
-    while (fgets(buffer, sizeof buffer, pipe)) output += buffer;
-    int status = pclose(pipe);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        << "returned after " << micros << " us; "
-        << (WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status))
-                                : "status " + std::to_string(WEXITSTATUS(status)))
-        << "\n" << output;
+    auto run = ChildProcess::run((binDir() / "exiting_host").string(),
+                                 {env.bundleDir().string(), std::to_string(micros)},
+                                 std::chrono::seconds(60), /*withStderr=*/true);
+    EXPECT_TRUE(run.finished && run.signal == 0 && run.exitCode == 0)
+        << "returned after " << micros << " us; signal " << run.signal << ", status "
+        << run.exitCode << "\n"
+        << run.output;
   }
 }
 
