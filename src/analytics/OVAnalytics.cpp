@@ -115,18 +115,18 @@ void writeExceptionRecord(const std::string& record) noexcept {
 // report's text. True when such an event was stored.
 bool armCrashCapture() {
   OVUncaughtExceptionHandler::install(&writeExceptionRecord);
-  bool delivered = false;
+  bool stored = false;
   CrashReporter().startCrashReporter(
-      [&delivered](const std::optional<std::string>& text, const std::optional<Error>&) {
+      [&stored](const std::optional<std::string>& text, const std::optional<Error>&) {
         if (!text) return;  // unreadable: printed and purged by the reporter
         // Protocol-buffer text must be UTF-8: stray bytes (a symbol from a
         // damaged binary) become U+FFFD rather than costing the report.
         const std::string value = support::makeValidUtf8(*text);
-        delivered =
+        stored =
             submitEvent(std::string(eventName(EventType::fatalCrash)), value, nullptr, nullptr)
                 .stored;
       });
-  return delivered;
+  return stored;
 }
 
 }  // namespace

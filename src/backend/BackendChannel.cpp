@@ -34,11 +34,11 @@ std::shared_ptr<grpc::Channel> backendChannel(const std::string& address,
   static auto* channels =  // guarded by mutex; lives for the process
       new std::map<std::pair<std::string, std::string>, std::shared_ptr<grpc::Channel>>();
   std::lock_guard lock(mutex);
-  // gRPC's threads outlive a host's main(); OpenSSL must outlive them.
-  support::keepOpenSslUntilExit();
   auto key = std::make_pair(address, extraRootCertificates);
   auto found = channels->find(key);
   if (found != channels->end()) return found->second;
+  // gRPC's threads outlive a host's main(); OpenSSL must outlive them.
+  support::keepOpenSslUntilExit();
 
   grpc::SslCredentialsOptions options;
   if (!extraRootCertificates.empty()) {
