@@ -22,6 +22,20 @@ class GtkPagePresenter final : public PagePresenter {
 
 }  // namespace
 
+namespace {
+// Main thread only.
+std::shared_ptr<PaywallDelegate>& delegateSlot() {
+  static std::shared_ptr<PaywallDelegate> slot;
+  return slot;
+}
+}  // namespace
+
+void setPaywallDelegate(std::shared_ptr<PaywallDelegate> delegate) {
+  delegateSlot() = std::move(delegate);
+}
+
+std::shared_ptr<PaywallDelegate> paywallDelegate() { return delegateSlot(); }
+
 std::shared_ptr<PagePresenter> makePagePresenter() { return std::make_shared<GtkPagePresenter>(); }
 
 bool install() {

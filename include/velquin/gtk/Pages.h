@@ -24,8 +24,10 @@
 #include <string>
 #include <vector>
 
+#include "velquin/Error.h"
 #include "velquin/PagePresenter.h"
 #include "velquin/StoreKit.h"
+#include "velquin/Subscriber.h"
 
 typedef struct _WebKitWebView WebKitWebView;
 
@@ -40,6 +42,42 @@ class Fade;
 // nothing) when the SDK's main queue was already running on its own thread,
 // that is when something of the SDK was used before install().
 bool install();
+
+// What the paywall tells its host. Every call comes on the main thread, in
+// this order per paywall: presented, then any number of purchase started /
+// purchase finished pairs, then closed. Failures that are not a purchase's
+// (no products, a page that could not be fetched) come as failed. Every
+// method has an empty default, so a host overrides only what it needs.
+class PaywallDelegate {
+ public:
+  virtual ~PaywallDelegate() = default;
+  // The paywall window is on screen.
+  virtual void paywallPresented() {}
+  // The page asked to buy `productId` and the store payment has started.
+  virtual void paywallPurchaseStarted(const std::string& productId) { (void)productId; }
+  // A purchase through the page ended. On success `error` is empty and
+  // `subscriber` is the backend's answer; otherwise `error` is the real
+  // reason (a cancel has code 2), whatever alert text the page shows.
+  virtual void paywallPurchaseFinished(const std::string& productId,
+                                       const std::optional<OVSubscriber>& subscriber,
+                                       const std::optional<Error>& error) {
+    (void)productId;
+    (void)subscriber;
+    (void)error;
+  }
+  // Something the page needed failed: the products could not be looked up,
+  // the page could not be fetched.
+  virtual void paywallFailed(const Error& error) { (void)error; }
+  // The paywall is off the screen (close button, Escape, or the alert that
+  // closes it after a purchase).
+  virtual void paywallClosed() {}
+};
+
+// Sets the delegate every paywall reports to; null removes it. Held by the
+// pages until replaced. Main thread only.
+void setPaywallDelegate(std::shared_ptr<PaywallDelegate> delegate);
+// The delegate set last, or null.
+std::shared_ptr<PaywallDelegate> paywallDelegate();
 
 // The page presenter install() puts in place; exposed for hosts that wrap it.
 std::shared_ptr<PagePresenter> makePagePresenter();
