@@ -74,9 +74,23 @@ VELQUIN_GLIB_API void velquin_sdk_set_analytics_logs (VelquinSdk *self, gboolean
  * velquin_sdk_get_app_user_id:
  * @self: the SDK
  *
- * Returns: (transfer full): the user id the SDK reports (empty before start-up set one)
+ * The user id held by the device information: empty until a user id was
+ * made current (velquin_sdk_upload_user_info() with a user id).
+ *
+ * Returns: (transfer full): the user id
  */
 VELQUIN_GLIB_API gchar *velquin_sdk_get_app_user_id (VelquinSdk *self);
+
+/**
+ * velquin_sdk_get_user_id:
+ * @self: the SDK
+ *
+ * The user id the SDK reports to the backend: made at the first start-up
+ * and kept across runs (empty before start-up).
+ *
+ * Returns: (transfer full): the user id
+ */
+VELQUIN_GLIB_API gchar *velquin_sdk_get_user_id (VelquinSdk *self);
 
 /**
  * velquin_sdk_get_experiment_tag:

@@ -273,6 +273,11 @@ gchar* velquin_sdk_get_app_user_id(VelquinSdk* self) {
   return g_strdup(Velquin::shared().getAppUserId().c_str());
 }
 
+gchar* velquin_sdk_get_user_id(VelquinSdk* self) {
+  g_return_val_if_fail(VELQUIN_IS_SDK(self), nullptr);
+  return g_strdup(Velquin::shared().purchases().appUserId().c_str());
+}
+
 gchar* velquin_sdk_get_experiment_tag(VelquinSdk* self) {
   g_return_val_if_fail(VELQUIN_IS_SDK(self), nullptr);
   auto tag = Velquin::shared().experimentTag();
