@@ -16,10 +16,14 @@
 #include "velquin/StoreKit.h"
 #include "velquin/Subscriber.h"
 
+// Marks the conversions libvelquin-gtk-glib also uses (C++ symbols, in no
+// public header).
+#define VELQUIN_GLIB_SHARED __attribute__((visibility("default")))
+
 namespace velquin::glib {
 
 // The GError for an SDK error (see VelquinError for the mapping).
-GError* toGError(const Error& error);
+VELQUIN_GLIB_SHARED GError* toGError(const Error& error);
 // Sets *error (when error is not null) to VELQUIN_ERROR_INVALID_ARGUMENT.
 void setInvalidArgument(GError** error, const std::string& message);
 
@@ -34,7 +38,7 @@ inline std::optional<std::string> optionalText(const char* value) {
 }
 
 // Model objects: new references wrapping a copy of the value.
-VelquinSubscriber* wrapSubscriber(const OVSubscriber& value);
+VELQUIN_GLIB_SHARED VelquinSubscriber* wrapSubscriber(const OVSubscriber& value);
 VelquinProduct* wrapProduct(const SKProductPtr& value);
 VelquinTransaction* wrapTransaction(const SKPaymentTransactionPtr& value);
 VelquinOfferSignature* wrapOfferSignature(const OVOfferSignatureDetail& value);
