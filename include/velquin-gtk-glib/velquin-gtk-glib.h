@@ -22,7 +22,8 @@ G_BEGIN_DECLS
  *
  * Puts the SDK's main queue on GTK's default main context and installs the
  * page presenter, so that the paywall and in-app messages can be shown.
- * Call it after gtk_init() and before anything else of the SDK.
+ * Call it after gtk_init() and velquin_set_bundle_path(), before anything
+ * else of the SDK.
  *
  * Returns: %FALSE (installing nothing) when the SDK was used before
  */
