@@ -41,3 +41,22 @@ else()
 endif()
 configure_file(cmake/velquin.pc.in ${PROJECT_BINARY_DIR}/velquin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velquin.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# libvelquin-gtk, when the pages are built: the library, its CMake targets
+# (VelquinConfig.cmake includes them when GTK 4 is found: the component gtk)
+# and velquin-gtk.pc. Its header is installed with the rest of include/velquin.
+if(TARGET velquin_gtk)
+  install(TARGETS velquin_gtk EXPORT VelquinGtkTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(EXPORT VelquinGtkTargets NAMESPACE Velquin::
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Velquin)
+  if(VELQUIN_SHARED)
+    set(VELQUIN_GTK_PC_REQUIRES_PRIVATE "")
+  else()
+    set(VELQUIN_GTK_PC_REQUIRES_PRIVATE "webkitgtk-6.0 icu-uc icu-i18n")
+  endif()
+  configure_file(cmake/velquin-gtk.pc.in ${PROJECT_BINARY_DIR}/velquin-gtk.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/velquin-gtk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()

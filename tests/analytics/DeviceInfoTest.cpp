@@ -176,16 +176,12 @@ TEST_F(PublicAddressLookup, ReadsTheAddressFromTheCityReply) {
       << out;
 }
 
-TEST_F(PublicAddressLookup, AReplyWithoutThePrefixFailsAsJson) {
-  // Only the last character is dropped: "{"cip": "1.2.3.4"}" loses its brace.
-  OneShotHttpServer server("{\"cip\": \"198.51.100.1\"}");
+TEST_F(PublicAddressLookup, AReplyThatIsNotTheCityScriptLeavesNoAddress) {
+  OneShotHttpServer server("<html><body>502 Bad Gateway</body></html>");
   OVDeviceInfoManager manager(fake_, "com.example.app");
-  ::testing::internal::CaptureStdout();
   ASSERT_TRUE(manager.startPublicAddressLookup(server.address()));
   manager.waitForPublicAddressLookup();
-  std::string out = ::testing::internal::GetCapturedStdout();
   EXPECT_EQ(manager.extranetIp(), "");
-  EXPECT_NE(out.find("OVDeviceInfoManager  get WAN IP Address failed: "), std::string::npos) << out;
 }
 
 TEST_F(PublicAddressLookup, ASilentServerDoesNotHoldUpDestruction) {
@@ -194,14 +190,22 @@ TEST_F(PublicAddressLookup, ASilentServerDoesNotHoldUpDestruction) {
   int fd = listenOnLoopback(&port);
   ASSERT_NE(port, 0);
 
+  int client = -1;
   auto start = std::chrono::steady_clock::now();
   {
     OVDeviceInfoManager manager(fake_, "com.example.app");
     ASSERT_TRUE(manager.startPublicAddressLookup("http://127.0.0.1:" + std::to_string(port)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the request is out
+    // The lookup has connected once its connection can be accepted; it then
+    // waits for a reply that never comes.
+    pollfd pfd{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&pfd, 1, 30000), 1);
+    client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(client, 0);
     EXPECT_EQ(manager.extranetIp(), "");
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  // Destruction stopped the transfer instead of waiting out its own 10 s limit.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  close(client);
   close(fd);
 }
 

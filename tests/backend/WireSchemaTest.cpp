@@ -5,9 +5,7 @@
 
 #include <string>
 
-#include "AttributionRoot.pb.h"
 #include "EventRoot.pb.h"
-#include "NotificationRoot.pb.h"
 #include "SubscriberRoot.pb.h"
 
 namespace {
@@ -38,23 +36,6 @@ TEST(WireSchema, SubscriberReplyWithNegativeAndUnknownStatesDecodes) {
   // An open enum keeps a number it does not know.
   EXPECT_EQ(static_cast<int>(reply.subscriptions(1).state().state()), 7);
   EXPECT_TRUE(reply.entitlements().empty());
-}
-
-TEST(WireSchema, EnumValuesMatchTheBackend) {
-  EXPECT_EQ(SubscriptionState::MissingPurchInfo, 0);
-  EXPECT_EQ(SubscriptionState::ExpiredInRetry, -1);
-  EXPECT_EQ(SubscriptionState::OtherRefund, -8);
-  EXPECT_EQ(SubscriptionState::ExpiredInGrace, 1);
-  EXPECT_EQ(SubscriptionState::ActiveAutoRenOn, 5);
-  EXPECT_EQ(SubscriptionState::ActiveButPause, 6);
-  EXPECT_EQ(SubscriptionState::SubOffer, 3);
-  EXPECT_EQ(velquin::iap::Stripe, 2);
-  // Declaration order is kept (the backend's schema lists them this way).
-  const auto* states = SubscriptionState::State_descriptor();
-  ASSERT_EQ(states->value_count(), 16);
-  EXPECT_EQ(states->value(9)->name(), "ExpiredWithPause");
-  EXPECT_EQ(states->value(10)->name(), "ActiveButPause");
-  EXPECT_EQ(states->value(15)->name(), "ExpiredInGrace");
 }
 
 TEST(WireSchema, EventParamIsFieldThirteen) {
@@ -93,33 +74,6 @@ TEST(WireSchema, InitRequestTimeZoneFieldsAreCrossNamed) {
   EXPECT_EQ(wire.substr(0, 5), bytes({0x32, 0x03, 'C', 'E', 'T'}));  // timezone = 6
   EXPECT_EQ(wire.substr(5, 2), bytes({0x3a, 0x0d}));                 // tz_abv = 7
   EXPECT_NE(wire.find(bytes({0x52, 0x06})), std::string::npos);      // sdk_version = 10
-}
-
-TEST(WireSchema, RepeatedMapKeyTakesTheLastValue) {
-  // consumed_promo_offers {"o": 1}, then {"o": 2} in the same message.
-  std::string entry1 = bytes({0x5a, 0x05, 0x0a, 0x01, 'o', 0x10, 0x01});
-  std::string entry2 = bytes({0x5a, 0x05, 0x0a, 0x01, 'o', 0x10, 0x02});
-  velquin::iap::Subscription subscription;
-  ASSERT_TRUE(subscription.ParseFromString(entry1 + entry2));
-  EXPECT_EQ(subscription.consumed_promo_offers().at("o"), 2);
-}
-
-TEST(WireSchema, ServicesKeepTheirPathsAndOrder) {
-  const auto* iap = velquin::iap::Subscriber::descriptor()->file()->FindServiceByName("IAPService");
-  ASSERT_NE(iap, nullptr);
-  const char* order[] = {"GetSubscriber", "VerifyReceipt", "UploadUserInfo", "GetAppConfig",
-                         "Init", "GeneratePromotionalOfferSignature", "GetCurrencyRate"};
-  ASSERT_EQ(iap->method_count(), 7);
-  for (int i = 0; i < 7; ++i) EXPECT_EQ(iap->method(i)->name(), order[i]);
-  EXPECT_EQ(iap->full_name(), "velquin.iap.IAPService");
-  EXPECT_EQ(iap->FindMethodByName("UploadUserInfo")->output_type()->full_name(),
-            "google.protobuf.Empty");
-  EXPECT_EQ(protocol::EventRequest::descriptor()->file()->service(0)->full_name(),
-            "protocol.Eventd");
-  EXPECT_EQ(velquin::attribution::GetAttributionRequest::descriptor()->file()->service(0)->full_name(),
-            "velquin.attribution.AttributionService");
-  EXPECT_EQ(velquin::push_notification::InAppMessage::descriptor()->file()->service(0)->full_name(),
-            "velquin.push_notification.PushNotificationService");
 }
 
 }  // namespace
