@@ -285,9 +285,8 @@ class DemoApp {
     poll([this] {
       if (shotMessage_) return true;
       auto pages = OVInAppMessagePage::shownPages();
-      bool placed = !pages.empty() && gtk_widget_get_mapped(pages.back()->widget()) &&
-                    gtk_widget_get_width(pages.back()->widget()) ==
-                        gtk_widget_get_width(GTK_WIDGET(window_));
+      bool placed = !pages.empty() && pages.back()->window() &&
+                    gtk_widget_get_mapped(pages.back()->widget());
       // The fetch is bounded by the SDK's call timeouts; 30 s is only a guard.
       if (!placed) {
         if (++messageWaits_ < 300) return false;
@@ -304,7 +303,8 @@ class DemoApp {
         auto page = weak.lock();
         if (!page || shotMessage_ || ready.find("true") != 0) return;
         shotMessage_ = true;
-        save(GTK_WIDGET(window_), "in-app-message", "the in-app message the push announced");
+        save(GTK_WIDGET(page->window()), "in-app-message",
+             "the in-app message the push announced, in its window over the start screen");
         for (auto& shown : OVInAppMessagePage::shownPages()) shown->closeAction();
         openPaywall();
       });

@@ -19,6 +19,9 @@ std::vector<std::shared_ptr<OVInAppMessagePage>>& shownList() {
 
 using Weak = std::weak_ptr<OVInAppMessagePage>;
 
+// The window a message's window is over (a reference held by the message's window).
+constexpr const char* kBelowKey = "velquin-message-below";
+
 }  // namespace
 
 std::shared_ptr<OVInAppMessagePage> OVInAppMessagePage::show(const std::string& htmlString) {
@@ -52,6 +55,8 @@ void OVInAppMessagePage::build(GtkWindow* over) {
   gtk_window_set_title(window_, "Message");
   gtk_window_set_decorated(window_, FALSE);
   gtk_window_set_transient_for(window_, over);
+  // Noted apart: a window being destroyed has already let go of it.
+  g_object_set_data_full(G_OBJECT(window_), kBelowKey, g_object_ref(over), g_object_unref);
   gtk_window_set_modal(window_, TRUE);
   gtk_window_set_destroy_with_parent(window_, TRUE);
   int width = gtk_widget_get_width(GTK_WIDGET(over));
@@ -80,8 +85,23 @@ void OVInAppMessagePage::build(GtkWindow* over) {
   });
   // However the window goes (closed, its host window destroyed), the page
   // leaves the stack.
-  g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget*, gpointer data) {
+  g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget* gone, gpointer data) {
                      auto* self = static_cast<OVInAppMessagePage*>(data);
+                     // The window below becomes the active one again (after this one
+                     // is gone, or the focus would come back here), so the next
+                     // page can be shown over it.
+                     if (auto* below = static_cast<GtkWindow*>(
+                             g_object_get_data(G_OBJECT(gone), kBelowKey))) {
+                       g_idle_add_full(
+                           G_PRIORITY_DEFAULT_IDLE,
+                           [](gpointer window) -> gboolean {
+                             if (gtk_widget_get_visible(GTK_WIDGET(window))) {
+                               gtk_window_present(GTK_WINDOW(window));
+                             }
+                             return G_SOURCE_REMOVE;
+                           },
+                           g_object_ref(below), g_object_unref);
+                     }
                      self->window_ = nullptr;
                      self->root_ = nullptr;
                      self->webView_ = nullptr;
