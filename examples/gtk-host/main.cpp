@@ -145,6 +145,36 @@ constexpr const char* kPageReadyScript =
     "document.readyState === 'complete' && document.body !== null && "
     "document.body.childElementCount > 0";
 
+// What the paywall tells the host: printed, and the state label read again
+// once the paywall is gone.
+class PaywallReport : public velquin::gtk::PaywallDelegate {
+ public:
+  explicit PaywallReport(std::function<void()> closed) : closed_(std::move(closed)) {}
+  void paywallPurchaseStarted(const std::string& productId) override {
+    std::printf("paywall: buying %s\n", productId.c_str());
+    std::fflush(stdout);
+  }
+  void paywallPurchaseFinished(const std::string& productId,
+                               const std::optional<velquin::OVSubscriber>& subscriber,
+                               const std::optional<velquin::Error>& error) override {
+    if (error) {
+      std::printf("paywall: %s not bought: %s\n", productId.c_str(), error->message.c_str());
+    } else {
+      std::printf("paywall: %s bought, subscription active: %s\n", productId.c_str(),
+                  subscriber && subscriber->isActive ? "yes" : "no");
+    }
+    std::fflush(stdout);
+  }
+  void paywallFailed(const velquin::Error& error) override {
+    std::printf("paywall: %s\n", error.message.c_str());
+    std::fflush(stdout);
+  }
+  void paywallClosed() override { closed_(); }
+
+ private:
+  std::function<void()> closed_;
+};
+
 class DemoApp {
  public:
   DemoApp(Options options, std::optional<nlohmann::json> payload)
@@ -155,6 +185,7 @@ class DemoApp {
     buildWindow();
     auto& sdk = Velquin::shared();
     sdk.setPurchasesLogs(options_.log);
+    velquin::gtk::setPaywallDelegate(std::make_shared<PaywallReport>([this] { refreshState(); }));
     appConfigToken_ = velquin::NotificationCenter::defaultCenter().addObserver(
         velquin::OVPurchase::kAppConfigHandledNotification, [this](const velquin::Notification&) {
           // Posted on a gRPC thread.
@@ -172,6 +203,7 @@ class DemoApp {
       }, loop_);
     }
     g_main_loop_run(loop_);
+    velquin::gtk::setPaywallDelegate(nullptr);
     velquin::NotificationCenter::defaultCenter().removeObserver(appConfigToken_);
     for (auto& paywall : VelQuinOVPPaywallviewController::presented()) paywall->closeAction();
     for (auto& page : OVInAppMessagePage::shownPages()) page->closeAction();
@@ -213,12 +245,6 @@ class DemoApp {
     welcome_ = VelquinWelcomePage::create();
     gtk_overlay_add_overlay(GTK_OVERLAY(overlay), welcome_->widget());
     gtk_window_set_child(window_, overlay);
-    // The state is read again whenever the window gets the focus back (for
-    // example when the paywall closes).
-    g_signal_connect(window_, "notify::is-active", G_CALLBACK(+[](GObject*, GParamSpec*, gpointer self) {
-                       static_cast<DemoApp*>(self)->refreshState();
-                     }),
-                     this);
     gtk_window_present(window_);
   }
 
@@ -226,6 +252,13 @@ class DemoApp {
     refreshState();
     if (startedUp_) return;
     startedUp_ = true;
+    // An app configuration without a welcome page: nothing to wait for.
+    auto welcome = Velquin::shared().storedWelcomePage();
+    if (options_.screenshots && !shotWelcome_ && (!welcome || welcome->empty())) {
+      std::printf("screenshot: no welcome page in the app configuration, none saved\n");
+      std::fflush(stdout);
+      shotWelcome_ = true;
+    }
     // With screenshots, the pages come one after the other: the push (whose
     // message would cover the welcome page) waits for the welcome shot.
     if (options_.screenshots && !shotWelcome_) return;
@@ -252,9 +285,8 @@ class DemoApp {
     poll([this] {
       if (shotMessage_) return true;
       auto pages = OVInAppMessagePage::shownPages();
-      bool placed = !pages.empty() && gtk_widget_get_mapped(pages.back()->widget()) &&
-                    gtk_widget_get_width(pages.back()->widget()) ==
-                        gtk_widget_get_width(GTK_WIDGET(window_));
+      bool placed = !pages.empty() && pages.back()->window() &&
+                    gtk_widget_get_mapped(pages.back()->widget());
       // The fetch is bounded by the SDK's call timeouts; 30 s is only a guard.
       if (!placed) {
         if (++messageWaits_ < 300) return false;
@@ -271,7 +303,8 @@ class DemoApp {
         auto page = weak.lock();
         if (!page || shotMessage_ || ready.find("true") != 0) return;
         shotMessage_ = true;
-        save(GTK_WIDGET(window_), "in-app-message", "the in-app message the push announced");
+        save(GTK_WIDGET(page->window()), "in-app-message",
+             "the in-app message the push announced, in its window over the start screen");
         for (auto& shown : OVInAppMessagePage::shownPages()) shown->closeAction();
         openPaywall();
       });
@@ -296,16 +329,15 @@ class DemoApp {
   }
 
   void openPaywall() {
+    // Answered on the main queue, that is GTK's loop.
     Velquin::shared().loadPaywallToPurachase([this](bool shown, std::optional<std::string> message) {
-      velquin::MainQueue::shared().async([this, shown, message] {
-        if (!shown) {
-          std::fprintf(stderr, "velquin-gtk-demo: paywall not shown: %s\n",
-                       message.value_or("").c_str());
-          if (options_.screenshots) finish(false);
-          return;
-        }
-        if (options_.screenshots) drivePaywall();
-      });
+      if (!shown) {
+        std::fprintf(stderr, "velquin-gtk-demo: paywall not shown: %s\n",
+                     message.value_or("").c_str());
+        if (options_.screenshots) finish(false);
+        return;
+      }
+      if (options_.screenshots) drivePaywall();
     });
   }
 
@@ -323,6 +355,10 @@ class DemoApp {
   void shootWelcomePage() {
     poll([this] {
       if (shotWelcome_) return true;
+      if (startedUp_ && welcome_->shownPage().empty()) {
+        auto stored = Velquin::shared().storedWelcomePage();
+        if (!stored || stored->empty()) return true;  // startUpDone() moved on
+      }
       if (welcome_->shownPage().empty() || !welcome_->isOnScreen()) {
         // The page comes with the app config; 30 s is only a guard.
         if (++welcomeWaits_ < 300) return false;

@@ -144,7 +144,9 @@ class VELQUIN_EXPORT OVPurchase {
   // the completion on the main queue. Unknown ids are left out; when none is
   // known the answer is an error.
   void getSkuDetails(const std::set<std::string>& productIds, SkuDetailsCompletion completion);
-  // Shows the server's paywall page through the installed presenter.
+  // Shows the server's paywall page through the installed presenter. The
+  // completion runs once, always on the main queue: (true, none) when the
+  // paywall is on screen, otherwise false and the reason.
   void loadPaywallToPurachase(PaywallCompletion completion);
   // Installs the page presenter (libvelquin-gtk does); without one the
   // paywall answers (false, "paywall show failed"). Held for the process.

@@ -18,10 +18,14 @@ class VELQUIN_EXPORT PagePresenter {
  public:
   virtual ~PagePresenter() = default;
   using PaywallCompletion = std::function<void(bool shown, std::optional<std::string> message)>;
-  // Shows the paywall page; false when it cannot (no active host window).
-  // When it returns true the completion is called later exactly once.
+  // Shows the paywall page, waiting a bounded time for an active host
+  // window when there is none; false when it cannot show pages at all. When
+  // it returns true the completion is called later exactly once, on the main
+  // queue: (true, none) once the page is on screen, (false, reason) when no
+  // window came.
   virtual bool presentPaywall(const std::string& html, PaywallCompletion completion) = 0;
-  // Shows an in-app message page; false when no host window is active.
+  // Shows an in-app message page, waiting the same bounded time for an
+  // active host window; false when it cannot show pages at all.
   virtual bool presentInAppMessage(const std::string& html) = 0;
 };
 

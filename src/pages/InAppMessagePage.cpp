@@ -1,4 +1,6 @@
-// In-app message pages: layers over the whole host window.
+// In-app message pages: each in an undecorated window of its own, transient
+// for the host's top window and covering it. The host's widget tree is never
+// touched, so any kind of window (libadwaita's included) can carry them.
 #include <webkit/webkit.h>
 
 #include "PageSupport.h"
@@ -8,8 +10,6 @@
 namespace velquin::gtk {
 namespace {
 
-constexpr const char* kLayerKey = "velquin-message-layer";
-
 // The pages on screen, bottom first; each keeps itself here until closed.
 // Main thread only.
 std::vector<std::shared_ptr<OVInAppMessagePage>>& shownList() {
@@ -17,33 +17,21 @@ std::vector<std::shared_ptr<OVInAppMessagePage>>& shownList() {
   return *list;
 }
 
-// The overlay the pages of `window` stack in: made on first use by moving
-// the window's content into a GtkOverlay, so the pages cover all of it.
-GtkOverlay* layerOf(GtkWindow* window) {
-  if (auto* layer = static_cast<GtkOverlay*>(g_object_get_data(G_OBJECT(window), kLayerKey))) {
-    if (gtk_widget_get_root(GTK_WIDGET(layer)) == GTK_ROOT(window)) return layer;
-  }
-  GtkWidget* content = gtk_window_get_child(window);
-  if (content) {
-    g_object_ref(content);
-    gtk_window_set_child(window, nullptr);
-  }
-  GtkWidget* layer = gtk_overlay_new();
-  gtk_overlay_set_child(GTK_OVERLAY(layer), content);
-  if (content) g_object_unref(content);
-  gtk_window_set_child(window, layer);
-  g_object_set_data(G_OBJECT(window), kLayerKey, layer);
-  return GTK_OVERLAY(layer);
-}
+using Weak = std::weak_ptr<OVInAppMessagePage>;
+
+// The window a message's window is over (a reference held by the message's window).
+constexpr const char* kBelowKey = "velquin-message-below";
 
 }  // namespace
 
 std::shared_ptr<OVInAppMessagePage> OVInAppMessagePage::show(const std::string& htmlString) {
-  GtkWindow* window = detail::activeToplevel();
+  // Over the top window, so a second message stacks over the first.
+  GtkWindow* window = VelQuinOVPTopViewController::topWindow();
   if (!window) return nullptr;
   std::shared_ptr<OVInAppMessagePage> page(new OVInAppMessagePage(htmlString));
   page->build(window);
   shownList().push_back(page);
+  gtk_window_present(page->window_);
   return page;
 }
 
@@ -51,9 +39,9 @@ OVInAppMessagePage::OVInAppMessagePage(std::string htmlString)
     : htmlString_(std::move(htmlString)) {}
 
 OVInAppMessagePage::~OVInAppMessagePage() {
-  if (root_) {
-    detail::removeFromParent(root_);
-    g_object_unref(root_);
+  if (window_) {
+    g_signal_handlers_disconnect_by_data(window_, this);
+    gtk_window_destroy(window_);
   }
   Velquin::shared().writeLog("InAppMessagePage deinit");
 }
@@ -62,10 +50,23 @@ std::vector<std::shared_ptr<OVInAppMessagePage>> OVInAppMessagePage::shownPages(
   return shownList();
 }
 
-void OVInAppMessagePage::build(GtkWindow* window) {
+void OVInAppMessagePage::build(GtkWindow* over) {
+  window_ = GTK_WINDOW(gtk_window_new());
+  gtk_window_set_title(window_, "Message");
+  gtk_window_set_decorated(window_, FALSE);
+  gtk_window_set_transient_for(window_, over);
+  // Noted apart: a window being destroyed has already let go of it.
+  g_object_set_data_full(G_OBJECT(window_), kBelowKey, g_object_ref(over), g_object_unref);
+  gtk_window_set_modal(window_, TRUE);
+  gtk_window_set_destroy_with_parent(window_, TRUE);
+  int width = gtk_widget_get_width(GTK_WIDGET(over));
+  int height = gtk_widget_get_height(GTK_WIDGET(over));
+  if (width <= 0 || height <= 0) gtk_window_get_default_size(over, &width, &height);
+  gtk_window_set_default_size(window_, width > 0 ? width : 400, height > 0 ? height : 700);
+
   root_ = gtk_overlay_new();
-  g_object_ref_sink(root_);
   detail::paintWhite(root_);
+  gtk_window_set_child(window_, root_);
   webView_ = detail::makeWebView(nullptr);
   gtk_overlay_set_child(GTK_OVERLAY(root_), GTK_WIDGET(webView_));
   webkit_web_view_load_html(webView_, htmlString_.c_str(), nullptr);
@@ -74,20 +75,46 @@ void OVInAppMessagePage::build(GtkWindow* window) {
   gtk_overlay_add_overlay(GTK_OVERLAY(root_), closeButton_);
   g_signal_connect_data(
       closeButton_, "clicked", G_CALLBACK(+[](GtkButton*, gpointer data) {
-        if (auto self = static_cast<std::weak_ptr<OVInAppMessagePage>*>(data)->lock()) {
-          self->closeAction();
-        }
+        if (auto self = static_cast<Weak*>(data)->lock()) self->closeAction();
       }),
-      new std::weak_ptr<OVInAppMessagePage>(weak_from_this()),
-      [](gpointer data, GClosure*) { delete static_cast<std::weak_ptr<OVInAppMessagePage>*>(data); },
+      new Weak(weak_from_this()), [](gpointer data, GClosure*) { delete static_cast<Weak*>(data); },
       GConnectFlags(0));
-
-  gtk_overlay_add_overlay(layerOf(window), root_);
+  Weak weak = weak_from_this();
+  detail::closeOnEscape(window_, [weak] {
+    if (auto self = weak.lock()) self->closeAction();
+  });
+  // However the window goes (closed, its host window destroyed), the page
+  // leaves the stack.
+  g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget* gone, gpointer data) {
+                     auto* self = static_cast<OVInAppMessagePage*>(data);
+                     // The window below becomes the active one again (after this one
+                     // is gone, or the focus would come back here), so the next
+                     // page can be shown over it.
+                     if (auto* below = static_cast<GtkWindow*>(
+                             g_object_get_data(G_OBJECT(gone), kBelowKey))) {
+                       g_idle_add_full(
+                           G_PRIORITY_DEFAULT_IDLE,
+                           [](gpointer window) -> gboolean {
+                             if (gtk_widget_get_visible(GTK_WIDGET(window))) {
+                               gtk_window_present(GTK_WINDOW(window));
+                             }
+                             return G_SOURCE_REMOVE;
+                           },
+                           g_object_ref(below), g_object_unref);
+                     }
+                     self->window_ = nullptr;
+                     self->root_ = nullptr;
+                     self->webView_ = nullptr;
+                     self->closeButton_ = nullptr;
+                     auto& list = shownList();
+                     std::erase_if(list, [self](const auto& page) { return page.get() == self; });
+                   }),
+                   this);
 }
 
 void OVInAppMessagePage::closeAction() {
   auto keep = shared_from_this();
-  if (root_) detail::removeFromParent(root_);
+  if (window_) gtk_window_destroy(window_);
   std::erase(shownList(), keep);
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -17,6 +18,8 @@
 #include "velquin/StoreKit.h"
 
 typedef struct _WebKitWebView WebKitWebView;
+typedef struct _WebKitNetworkSession WebKitNetworkSession;
+typedef struct _WebKitUserContentManager WebKitUserContentManager;
 
 namespace velquin::gtk::detail {
 
@@ -60,13 +63,47 @@ class Fade : public std::enable_shared_from_this<Fade> {
   std::function<void()> done_;
 };
 
-// A web view with the page's settings; `userContentManager` may be null.
+// A web view with the page's settings in the pages' own ephemeral network
+// session (no cookies or cache shared with the host, nothing kept on disk);
+// `userContentManager` may be null. Navigation is kept on the document the
+// page loads itself (see keepOnOwnDocument).
 WebKitWebView* makeWebView(GObject* userContentManager);
-// The close button "✖️": 44×44, its left edge 50 px from the right edge.
+// The network session every page view uses: ephemeral, made on first use.
+WebKitNetworkSession* pagesNetworkSession();
+// Refuses every navigation of the view's main frame away from the document
+// the SDK loaded (HTML strings, a reload) and every new window; links with
+// an http, https or mailto address go to the URI launcher instead. Subframes
+// may load, but never local schemes. Connected by makeWebView.
+void keepOnOwnDocument(WebKitWebView* view);
+// Whether `uri` is what a view shows after loading an HTML string with no
+// base address (the only document the pages load themselves).
+bool isOwnDocument(const char* uri);
+// Hands `uri` to the URI launcher (the host's browser) on behalf of `view`.
+void launchUri(GtkWidget* view, const std::string& uri);
+
+// Makes `name`s the only script messages of the view's top frame: the
+// handlers live in a script world of our own, and a script injected into
+// the top frame only gives the page window.webkit.messageHandlers.<name>
+// .postMessage(body), forwarding string bodies. Subframes get nothing and
+// cannot reach the top frame's handlers across origins.
+void installBridge(WebKitUserContentManager* manager, const std::vector<std::string>& names);
+// The script world the bridge's handlers are registered in.
+extern const char* const kBridgeWorld;
+
+// The close button "✖️": 44×44, its left edge 50 px from the right edge,
+// named "Close" for assistive technologies, dark on the white page in light
+// and dark themes.
 GtkWidget* makeCloseButton();
+// A spinner that stays dark on the white page in light and dark themes.
+GtkWidget* makeSpinner();
+// Escape in `window` runs `close`.
+void closeOnEscape(GtkWindow* window, std::function<void()> close);
 // Gives the widget a white background.
 void paintWhite(GtkWidget* widget);
-// Takes `widget` out of its parent, whatever kind of container that is.
+// Takes `widget` off the screen: hides it, and takes it out of containers
+// that have a call for that (overlay layers, boxes, grids, fixed, stacks).
+// Elsewhere it stays, hidden, in its parent: never unparented behind a
+// container's back.
 void removeFromParent(GtkWidget* widget);
 // The active toplevel window, or null.
 GtkWindow* activeToplevel();

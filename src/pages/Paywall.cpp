@@ -49,6 +49,29 @@ struct VelQuinOVPPaywallviewController::Signals {
   std::vector<gulong> managerHandlers;
 };
 
+// Tells the paywall when its pending payment was deferred (ask to buy, a
+// payment waiting for approval): the orchestrator answers only once the
+// transaction ends, and the page must not spin meanwhile.
+class VelQuinOVPPaywallviewController::DeferredWatch : public SKPaymentTransactionObserver {
+ public:
+  explicit DeferredWatch(Weak paywall) : paywall_(std::move(paywall)) {}
+  void updatedTransactions(SKPaymentQueue&,
+                           const std::vector<SKPaymentTransactionPtr>& transactions) override {
+    auto paywall = paywall_.lock();
+    if (!paywall || !paywall->pendingPurchase_) return;
+    for (const auto& transaction : transactions) {
+      if (transaction && transaction->transactionState == SKPaymentTransactionState::deferred &&
+          transaction->payment.productIdentifier() == *paywall->pendingPurchase_) {
+        paywall->setBusy(false);
+        return;
+      }
+    }
+  }
+
+ private:
+  Weak paywall_;  // main thread only
+};
+
 std::shared_ptr<VelQuinOVPPaywallviewController> VelQuinOVPPaywallviewController::create(
     std::optional<std::string> htmlString) {
   return std::shared_ptr<VelQuinOVPPaywallviewController>(
@@ -61,7 +84,14 @@ VelQuinOVPPaywallviewController::VelQuinOVPPaywallviewController(
 
 VelQuinOVPPaywallviewController::~VelQuinOVPPaywallviewController() {
   if (coveredWindow_) {
+    g_signal_handlers_disconnect_by_data(coveredWindow_, this);
     g_object_remove_weak_pointer(G_OBJECT(coveredWindow_), reinterpret_cast<gpointer*>(&coveredWindow_));
+  }
+  if (coveredOwner_) {
+    g_object_remove_weak_pointer(G_OBJECT(coveredOwner_), reinterpret_cast<gpointer*>(&coveredOwner_));
+  }
+  if (deferredWatch_) {
+    if (auto queue = SKPaymentQueue::defaultQueue()) queue->removeTransactionObserver(deferredWatch_);
   }
   Velquin::shared().writeLog("VelQuinPaywall deinit");
   if (progressTimer_) MainQueue::shared().cancel(progressTimer_);
@@ -81,9 +111,40 @@ void VelQuinOVPPaywallviewController::presentOver(GtkWindow* parent,
   gtk_window_present(window_);
   loadPage();
   Velquin::shared().analytics().uploadBigDataWithEvent("ev_paywall_view");
-  if (shown) {
-    MainQueue::shared().async([shown = std::move(shown)] { shown(true, std::nullopt); });
+  Weak weak = weak_from_this();
+  MainQueue::shared().async([weak, shown = std::move(shown)] {
+    if (auto self = weak.lock(); self && self->window_) {
+      if (auto delegate = paywallDelegate()) delegate->paywallPresented();
+    }
+    if (shown) shown(true, std::nullopt);
+  });
+}
+
+void VelQuinOVPPaywallviewController::coverWindow(GtkWindow* parent) {
+  auto forget = [](GtkWindow** slot) {
+    if (*slot) g_object_remove_weak_pointer(G_OBJECT(*slot), reinterpret_cast<gpointer*>(slot));
+    *slot = nullptr;
+  };
+  if (coveredWindow_) g_signal_handlers_disconnect_by_data(coveredWindow_, this);
+  forget(&coveredWindow_);
+  forget(&coveredOwner_);
+  coveredWindow_ = parent;
+  if (window_) gtk_window_set_transient_for(window_, parent);
+  if (!parent) return;
+  g_object_add_weak_pointer(G_OBJECT(parent), reinterpret_cast<gpointer*>(&coveredWindow_));
+  // The window under it, noted now: a window being destroyed has already
+  // let go of its own transient parent.
+  coveredOwner_ = gtk_window_get_transient_for(parent);
+  if (coveredOwner_) {
+    g_object_add_weak_pointer(G_OBJECT(coveredOwner_), reinterpret_cast<gpointer*>(&coveredOwner_));
   }
+  // A dialog the paywall was opened from may go first: the paywall stays,
+  // over the window the dialog was over.
+  g_signal_connect(parent, "destroy", G_CALLBACK(+[](GtkWidget*, gpointer data) {
+                     auto* self = static_cast<VelQuinOVPPaywallviewController*>(data);
+                     self->coverWindow(self->coveredOwner_);
+                   }),
+                   this);
 }
 
 void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
@@ -92,11 +153,8 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
   gtk_window_set_title(window_, "Paywall");
   gtk_window_set_decorated(window_, FALSE);
   if (parent) {
-    coveredWindow_ = parent;
-    g_object_add_weak_pointer(G_OBJECT(parent), reinterpret_cast<gpointer*>(&coveredWindow_));
-    gtk_window_set_transient_for(window_, parent);
+    coverWindow(parent);
     gtk_window_set_modal(window_, TRUE);
-    gtk_window_set_destroy_with_parent(window_, TRUE);
     int width = gtk_widget_get_width(GTK_WIDGET(parent));
     int height = gtk_widget_get_height(GTK_WIDGET(parent));
     if (width <= 0 || height <= 0) gtk_window_get_default_size(parent, &width, &height);
@@ -111,12 +169,13 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
 
   signals_->userContentManager = webkit_user_content_manager_new();
   auto* manager = signals_->userContentManager;
-  webkit_user_content_manager_register_script_message_handler(manager, kGetSkuDetails, nullptr);
-  webkit_user_content_manager_register_script_message_handler(manager, kPurchase, nullptr);
+  detail::installBridge(manager, {kGetSkuDetails, kPurchase});
   auto onMessage = +[](WebKitUserContentManager*, JSCValue* value, gpointer data) {
     auto self = lock(data);
-    // A body that is not a string is ignored.
-    if (!self || !jsc_value_is_string(value)) return;
+    // A body that is not a string is ignored, and so is anything that does
+    // not come from the document the paywall loaded.
+    if (!self || !self->webView_ || !jsc_value_is_string(value)) return;
+    if (!detail::isOwnDocument(webkit_web_view_get_uri(self->webView_))) return;
     char* text = jsc_value_to_string(value);
     std::string body = text ? text : "";
     g_free(text);
@@ -169,13 +228,14 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
                                               },
                                               owner);
 
-  activityIndicator_ = gtk_spinner_new();
-  gtk_widget_set_size_request(activityIndicator_, 64, 64);
-  gtk_widget_set_halign(activityIndicator_, GTK_ALIGN_CENTER);
-  gtk_widget_set_valign(activityIndicator_, GTK_ALIGN_CENTER);
+  activityIndicator_ = detail::makeSpinner();
   gtk_widget_set_visible(activityIndicator_, FALSE);
-  gtk_widget_set_can_target(activityIndicator_, FALSE);
   gtk_overlay_add_overlay(GTK_OVERLAY(overlay), activityIndicator_);
+
+  Weak weakSelf = owner;
+  detail::closeOnEscape(window_, [weakSelf] {
+    if (auto self = weakSelf.lock()) self->closeAction();
+  });
 
   // The window going away (close button, parent destroyed, window manager)
   // ends the paywall.
@@ -188,6 +248,7 @@ void VelQuinOVPPaywallviewController::buildViews(GtkWindow* parent) {
                              self->tearDownViews();
                              auto& list = presentedList();
                              std::erase(list, self);
+                             if (auto delegate = paywallDelegate()) delegate->paywallClosed();
                              if (!covered) return;
                              // After the paywall's window is gone, or the focus would
                              // go back to it.
@@ -213,8 +274,11 @@ void VelQuinOVPPaywallviewController::tearDownViews() {
   if (auto* manager = signals_->userContentManager) {
     for (auto id : signals_->managerHandlers) g_signal_handler_disconnect(manager, id);
     signals_->managerHandlers.clear();
-    webkit_user_content_manager_unregister_script_message_handler(manager, kGetSkuDetails, nullptr);
-    webkit_user_content_manager_unregister_script_message_handler(manager, kPurchase, nullptr);
+    webkit_user_content_manager_unregister_script_message_handler(manager, kGetSkuDetails,
+                                                                  detail::kBridgeWorld);
+    webkit_user_content_manager_unregister_script_message_handler(manager, kPurchase,
+                                                                  detail::kBridgeWorld);
+    webkit_user_content_manager_remove_all_scripts(manager);
     g_object_unref(manager);
     signals_->userContentManager = nullptr;
   }
@@ -240,6 +304,12 @@ void VelQuinOVPPaywallviewController::loadPage() {
           if (!self || !self->webView_) return;
           if (!error && page) webkit_web_view_load_html(self->webView_, page->c_str(), nullptr);
           self->setBusy(false);
+          if (error || !page) {
+            if (auto delegate = paywallDelegate()) {
+              delegate->paywallFailed(error.value_or(
+                  Error{kVelquinErrorDomain, 0, "The backend sent no paywall page."}));
+            }
+          }
         });
       });
 }
@@ -290,18 +360,33 @@ void VelQuinOVPPaywallviewController::onGetSkuDetails(const std::string& body) {
     productId_array_ = ids.get<std::vector<std::string>>();
   }
   setBusy(true);
-  if (!productId_array_) return;
+  if (!productId_array_) {
+    // Still an answer: nothing could be found for a body that is not a list.
+    Velquin::shared().writeLog("getSkuDetails: the message is not a list of product ids");
+    productId_array_.emplace();
+    productSKProduct_.emplace();
+    setBusy(pendingPurchase_.has_value());
+    sendProductList();
+    return;
+  }
   std::set<std::string> wanted(productId_array_->begin(), productId_array_->end());
   Weak weak = weak_from_this();
   Velquin::shared().getSkuDetails(
       wanted, [weak](std::optional<std::map<std::string, SKProductPtr>> products,
-                     std::optional<Error>) {
-        // The catalogue answers on the main queue.
-        auto self = weak.lock();
-        if (!self) return;
-        self->setBusy(false);
-        self->productSKProduct_ = std::move(products);
-        self->sendProductList();
+                     std::optional<Error> error) {
+        // The catalogue answers on the main queue; hop anyway, so an answer
+        // given at once never runs inside the message handler.
+        MainQueue::shared().async([weak, products = std::move(products), error = std::move(error)] {
+          auto self = weak.lock();
+          if (!self) return;
+          self->setBusy(self->pendingPurchase_.has_value());
+          // Whatever was found, or nothing: the page always hears back.
+          self->productSKProduct_ = products.value_or(std::map<std::string, SKProductPtr>{});
+          self->sendProductList();
+          if (error) {
+            if (auto delegate = paywallDelegate()) delegate->paywallFailed(*error);
+          }
+        });
       });
 }
 
@@ -325,6 +410,15 @@ void VelQuinOVPPaywallviewController::sendProductList() {
 }
 
 void VelQuinOVPPaywallviewController::onPurchase(const std::string& productId) {
+  // One payment at a time: the page hears about the one it started.
+  if (pendingPurchase_) {
+    if (!toldPurchasePending_) {
+      Velquin::shared().writeLog("purchase: " + *pendingPurchase_ +
+                                 " is still pending; further purchase messages are ignored");
+      toldPurchasePending_ = true;
+    }
+    return;
+  }
   setBusy(true);
   SKProductPtr product;
   if (productSKProduct_) {
@@ -335,19 +429,40 @@ void VelQuinOVPPaywallviewController::onPurchase(const std::string& productId) {
     setBusy(false);
     return;
   }
+  pendingPurchase_ = productId;
+  toldPurchasePending_ = false;
+  if (!deferredWatch_) {
+    if (auto queue = SKPaymentQueue::defaultQueue()) {
+      deferredWatch_ = std::make_shared<DeferredWatch>(weak_from_this());
+      queue->addTransactionObserver(deferredWatch_);
+    }
+  }
+  if (auto delegate = paywallDelegate()) delegate->paywallPurchaseStarted(productId);
   Weak weak = weak_from_this();
   Velquin::shared().purchaseSKProduct(
-      *product, [weak, productId](SKPaymentTransactionPtr, OVSubscriber, std::optional<Error> error,
-                                  bool userCancelled) {
-        bool failed = userCancelled || error.has_value();
+      *product, [weak, productId](SKPaymentTransactionPtr, OVSubscriber subscriber,
+                                  std::optional<Error> error, bool userCancelled) {
+        if (userCancelled && !error) {
+          error = Error{kVelquinErrorDomain, 2, "The user cancelled the purchase."};
+        }
         // Successful purchases answer on a gRPC thread: move to the page's thread.
-        MainQueue::shared().async([weak, productId, failed] {
-          if (auto self = weak.lock()) self->purchaseFinished(productId, failed);
+        MainQueue::shared().async([weak, productId, subscriber = std::move(subscriber),
+                                   error = std::move(error)] {
+          if (auto self = weak.lock()) self->purchaseFinished(productId, subscriber, error);
         });
       });
 }
 
-void VelQuinOVPPaywallviewController::purchaseFinished(const std::string& productId, bool failed) {
+void VelQuinOVPPaywallviewController::purchaseFinished(const std::string& productId,
+                                                       const OVSubscriber& subscriber,
+                                                       const std::optional<Error>& error) {
+  pendingPurchase_.reset();
+  bool failed = error.has_value();
+  if (auto delegate = paywallDelegate()) {
+    delegate->paywallPurchaseFinished(productId,
+                                      failed ? std::nullopt : std::optional<OVSubscriber>(subscriber),
+                                      error);
+  }
   setBusy(false);
   if (failed) {
     Velquin::shared().writeLog("Canceled");

@@ -60,6 +60,20 @@ bool saveSnapshot(GtkWidget* widget, const std::string& pngPath, std::chrono::mi
     g_main_context_iteration(nullptr, FALSE);
   }
   if (!gtk_widget_get_mapped(widget)) return false;
+  // A change made just before (a label's new text, a page taken away) is
+  // laid out in the next frame, and until then the widget's paintable draws
+  // nothing: wait for a frame painted after the call.
+  if (GdkFrameClock* clock = gtk_widget_get_frame_clock(widget)) {
+    bool painted = false;
+    gulong handler = g_signal_connect(clock, "after-paint",
+                                      G_CALLBACK(+[](GdkFrameClock*, gpointer flag) {
+                                        *static_cast<bool*>(flag) = true;
+                                      }),
+                                      &painted);
+    gtk_widget_queue_draw(widget);
+    while (!painted && g_get_monotonic_time() < deadline) g_main_context_iteration(nullptr, FALSE);
+    g_signal_handler_disconnect(clock, handler);
+  }
   int width = gtk_widget_get_width(widget);
   int height = gtk_widget_get_height(widget);
   GtkNative* native = gtk_widget_get_native(widget);

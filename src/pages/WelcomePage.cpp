@@ -45,10 +45,7 @@ void VelquinWelcomePage::setUp() {
 
   showStoredPage();
 
-  loader_ = gtk_spinner_new();
-  gtk_widget_set_size_request(loader_, 64, 64);
-  gtk_widget_set_halign(loader_, GTK_ALIGN_CENTER);
-  gtk_widget_set_valign(loader_, GTK_ALIGN_CENTER);
+  loader_ = detail::makeSpinner();
   gtk_spinner_start(GTK_SPINNER(loader_));
   gtk_overlay_add_overlay(GTK_OVERLAY(root_), loader_);
 
@@ -103,7 +100,9 @@ bool VelquinWelcomePage::isLoaderSpinning() const {
   return spinning && gtk_widget_get_parent(loader_);
 }
 
-bool VelquinWelcomePage::isOnScreen() const { return root_ && gtk_widget_get_parent(root_); }
+bool VelquinWelcomePage::isOnScreen() const {
+  return root_ && gtk_widget_get_parent(root_) && gtk_widget_get_visible(root_);
+}
 
 void VelquinWelcomePage::removeFromSuperview() {
   // Taking the widget from its parent may free it, and with it this page.

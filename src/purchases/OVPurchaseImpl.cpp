@@ -513,23 +513,27 @@ std::shared_ptr<PagePresenter> OVPurchaseImpl::pagePresenter() const {
 }
 
 void OVPurchaseImpl::loadPaywallToPurachase(PaywallCompletion completion) {
+  // Every answer comes on the main queue, whichever path gives it.
+  auto answer = [completion](bool shown, std::optional<std::string> message) {
+    if (!completion) return;
+    MainQueue::shared().async([completion, shown, message = std::move(message)] {
+      completion(shown, message);
+    });
+  };
   if (auto page = dataCache_->paywallPage()) {
-    if (page->empty()) {
-      if (completion) completion(false, "No paywall data configured");
-      return;
-    }
+    if (page->empty()) return answer(false, "No paywall data configured");
     showPaywall(*page, std::move(completion));
     return;
   }
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
-  fetchPaywallPage([weak, completion = std::move(completion)](std::optional<std::string> page,
-                                                              std::optional<Error>) mutable {
+  fetchPaywallPage([weak, completion = std::move(completion), answer](
+                       std::optional<std::string> page, std::optional<Error>) mutable {
     auto self = weak.lock();
     if (self && page && !page->empty()) {
       self->showPaywall(*page, std::move(completion));
       return;
     }
-    if (completion) completion(false, "Data error for re-request paywall");
+    answer(false, "Data error for re-request paywall");
   });
 }
 

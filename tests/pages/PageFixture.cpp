@@ -1,5 +1,6 @@
 #include "PageFixture.h"
 
+#include <adwaita.h>
 #include <webkit/webkit.h>
 
 #include <atomic>
@@ -113,14 +114,48 @@ bool PagesTest::configureAndIterate() {
   return ok;
 }
 
-GtkWindow* PagesTest::openHostWindow() {
-  GtkWindow* window = GTK_WINDOW(gtk_window_new());
+GtkWindow* PagesTest::openHostWindow(bool adwaita) {
+  GtkWidget* content = gtk_label_new("The host's start screen");
+  GtkWindow* window = nullptr;
+  if (adwaita) {
+    adw_init();
+    window = GTK_WINDOW(g_object_new(ADW_TYPE_APPLICATION_WINDOW, nullptr));
+    adw_application_window_set_content(ADW_APPLICATION_WINDOW(window), content);
+  } else {
+    window = GTK_WINDOW(gtk_window_new());
+    gtk_window_set_child(window, content);
+  }
   gtk_window_set_title(window, "Host");
   gtk_window_set_default_size(window, 480, 720);
-  gtk_window_set_child(window, gtk_label_new("The host's start screen"));
   gtk_window_present(window);
   iterateUntil([&] { return gtk_window_is_active(window); }, std::chrono::seconds(10));
   return window;
+}
+
+bool PagesTest::pressEscape(GtkWindow* window) {
+  GListModel* controllers = gtk_widget_observe_controllers(GTK_WIDGET(window));
+  bool ran = false;
+  for (guint i = 0, n = g_list_model_get_n_items(controllers); i < n && !ran; ++i) {
+    auto* controller = G_OBJECT(g_list_model_get_item(controllers, i));
+    if (GTK_IS_SHORTCUT_CONTROLLER(controller)) {
+      auto* shortcuts = G_LIST_MODEL(controller);
+      for (guint j = 0, m = g_list_model_get_n_items(shortcuts); j < m && !ran; ++j) {
+        auto* shortcut = GTK_SHORTCUT(g_list_model_get_item(shortcuts, j));
+        GtkShortcutTrigger* trigger = gtk_shortcut_get_trigger(shortcut);
+        if (GTK_IS_KEYVAL_TRIGGER(trigger) &&
+            gtk_keyval_trigger_get_keyval(GTK_KEYVAL_TRIGGER(trigger)) == GDK_KEY_Escape &&
+            gtk_keyval_trigger_get_modifiers(GTK_KEYVAL_TRIGGER(trigger)) == 0) {
+          ran = gtk_shortcut_action_activate(gtk_shortcut_get_action(shortcut),
+                                             GTK_SHORTCUT_ACTION_EXCLUSIVE, GTK_WIDGET(window),
+                                             nullptr);
+        }
+        g_object_unref(shortcut);
+      }
+    }
+    g_object_unref(controller);
+  }
+  g_object_unref(controllers);
+  return ran;
 }
 
 std::string PagesTest::evaluate(WebKitWebView* view, const std::string& script) {

@@ -41,8 +41,12 @@ class PagesTest : public SandboxTest {
                     std::chrono::milliseconds limit = std::chrono::seconds(20));
   // Runs start-up and iterates until GetAppConfig's answer was handled.
   bool configureAndIterate();
-  // A visible, active host window of 480×720.
-  GtkWindow* openHostWindow();
+  // A visible, active host window of 480×720; with `adwaita` a libadwaita
+  // application window (whose child cannot be replaced with gtk_window_set_child).
+  GtkWindow* openHostWindow(bool adwaita = false);
+  // Runs what Escape is bound to in `window`'s shortcut controllers; false
+  // when nothing is bound.
+  bool pressEscape(GtkWindow* window);
   // Evaluates `script` in the view; its value as JSON text ("" on error).
   std::string evaluate(WebKitWebView* view, const std::string& script);
   // Iterates until the page's document has finished loading and `script`

@@ -74,13 +74,13 @@ TEST_F(PushedInAppMessageTest, AutoShownAnnouncementInFrontIsShownOverTheHostsWi
   auto pages = OVInAppMessagePage::shownPages();
   ASSERT_EQ(pages.size(), 1u);
   auto page = pages[0];
-  EXPECT_EQ(gtk_widget_get_root(page->widget()), GTK_ROOT(host));
+  EXPECT_EQ(gtk_window_get_transient_for(page->window()), host);
   // The sandbox's offer page, with the text it is configured with.
   EXPECT_TRUE(waitForPage(page->webView(), "document.body.innerText.includes('A welcome offer')"));
   EXPECT_TRUE(iterateUntil([&] {
     return gtk_widget_get_width(page->widget()) == gtk_widget_get_width(GTK_WIDGET(host));
   }));
-  screenshot(GTK_WIDGET(host), "pushed-in-app-message");
+  screenshot(GTK_WIDGET(page->window()), "pushed-in-app-message");
 
   // Will-present answered (with no options) before the fetch began, so a
   // notification, and the event, would have been asked for by now.

@@ -1,5 +1,6 @@
 // The welcome page over a host's start screen, its time driven by the main
 // queue's manual clock.
+#include <adwaita.h>
 #include <webkit/webkit.h>
 
 #include <atomic>
@@ -131,6 +132,31 @@ TEST_F(EmptyWelcomePageTest, AnEmptyPageIsAnnouncedButShowsNothingUntilTheWaitin
   EXPECT_FALSE(page->isOnScreen());
   page->removeFromSuperview();  // a second removal does nothing
   EXPECT_FALSE(page->isOnScreen());
+}
+
+TEST_F(WelcomePageTest, WhereNoRemoveCallExistsThePageIsOnlyHiddenAndTheHostsTreeStaysValid) {
+  useManualClock();
+  GtkWindow* window = openHostWindow(/*adwaita=*/true);
+  GtkWidget* paned = gtk_paned_new(GTK_ORIENTATION_HORIZONTAL);
+  GtkWidget* bin = adw_bin_new();
+  std::weak_ptr<VelquinWelcomePage> inPaned = VelquinWelcomePage::create(1.0);
+  std::weak_ptr<VelquinWelcomePage> inBin = VelquinWelcomePage::create(1.0);
+  gtk_paned_set_start_child(GTK_PANED(paned), inPaned.lock()->widget());
+  gtk_paned_set_end_child(GTK_PANED(paned), bin);
+  adw_bin_set_child(ADW_BIN(bin), inBin.lock()->widget());
+  adw_application_window_set_content(ADW_APPLICATION_WINDOW(window), paned);
+  EXPECT_TRUE(inPaned.lock()->isOnScreen());
+
+  advance(milliseconds(1100));
+  EXPECT_FALSE(inPaned.lock()->isOnScreen());
+  EXPECT_FALSE(inBin.lock()->isOnScreen());
+  EXPECT_EQ(gtk_paned_get_start_child(GTK_PANED(paned)), inPaned.lock()->widget());
+  EXPECT_EQ(adw_bin_get_child(ADW_BIN(bin)), inBin.lock()->widget());
+  // The host takes them out when it likes; then they are gone.
+  gtk_paned_set_start_child(GTK_PANED(paned), nullptr);
+  adw_bin_set_child(ADW_BIN(bin), nullptr);
+  EXPECT_TRUE(inPaned.expired());
+  EXPECT_TRUE(inBin.expired());
 }
 
 }  // namespace

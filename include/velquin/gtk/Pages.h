@@ -79,6 +79,16 @@ void setPaywallDelegate(std::shared_ptr<PaywallDelegate> delegate);
 // The delegate set last, or null.
 std::shared_ptr<PaywallDelegate> paywallDelegate();
 
+// Opens an address a page wanted to navigate to (a link, window.open,
+// target=_blank) outside the page: by default GTK's URI launcher, which goes
+// through the desktop portal inside a sandbox. A host (or a test) may set its
+// own; null restores the default. `parent` is the page's window, or null.
+// Main thread only.
+using UriLauncher = std::function<void(GtkWindow* parent, const std::string& uri)>;
+void setUriLauncher(UriLauncher launcher);
+// Opens `uri` through the launcher set last.
+void openUri(GtkWindow* parent, const std::string& uri);
+
 // The page presenter install() puts in place; exposed for hosts that wrap it.
 std::shared_ptr<PagePresenter> makePagePresenter();
 
@@ -94,6 +104,16 @@ class VelQuinOVPTopViewController {
 // The page talks to the SDK through window.webkit.messageHandlers
 // .getSkuDetails / .purchase and is answered by getSkuDetailsCallback('…') and
 // purchaseCallback('…','true'|'false').
+//
+// Only the top frame of the document the paywall loaded can post those
+// messages: subframes have no handlers, navigation away from the document
+// (links, redirects, window.open, target=_blank) goes to the URI launcher,
+// local schemes are refused, and the page runs in an ephemeral network
+// session of the pages' own. One purchase runs at a time; "purchase" messages
+// while one is pending are ignored. Every getSkuDetails message with a string
+// body is answered, with an empty list when nothing could be found. What
+// happened is told to the paywall delegate. Escape closes the paywall; a
+// paywall opened over a dialog stays when the dialog goes.
 class VelQuinOVPPaywallviewController
     : public std::enable_shared_from_this<VelQuinOVPPaywallviewController> {
  public:
@@ -112,7 +132,8 @@ class VelQuinOVPPaywallviewController
   VelQuinOVPPaywallviewController& operator=(const VelQuinOVPPaywallviewController&) = delete;
 
   // Builds the views, loads the page and presents the window over `parent`.
-  // `shown` is called once the window is on screen (on the main queue).
+  // `shown` is called once the window is on screen, on the main queue (after
+  // the delegate heard paywallPresented).
   void presentOver(GtkWindow* parent, PagePresenter::PaywallCompletion shown = nullptr);
   // The close button: takes the paywall off the screen.
   void closeAction();
@@ -145,7 +166,10 @@ class VelQuinOVPPaywallviewController
   void loadPage();
   void onGetSkuDetails(const std::string& body);
   void onPurchase(const std::string& productId);
-  void purchaseFinished(const std::string& productId, bool failed);
+  class DeferredWatch;
+  void coverWindow(GtkWindow* parent);
+  void purchaseFinished(const std::string& productId, const OVSubscriber& subscriber,
+                        const std::optional<Error>& error);
   void sendProductList();
   void sendPurchaseResult(const std::string& productId, bool success);
   void evaluate(const std::string& script);
@@ -157,6 +181,7 @@ class VelQuinOVPPaywallviewController
   // Every field below is used on the main thread only.
   std::optional<std::string> htmlString_;
   GtkWindow* coveredWindow_ = nullptr;  // the host window it is over; a GObject weak pointer
+  GtkWindow* coveredOwner_ = nullptr;   // the window coveredWindow_ is over; a weak pointer
   GtkWindow* window_ = nullptr;
   WebKitWebView* webView_ = nullptr;
   GtkWidget* progressView_ = nullptr;
@@ -168,12 +193,17 @@ class VelQuinOVPPaywallviewController
   std::uint64_t progressTimer_ = 0;
   std::function<void(const std::string&)> scriptObserver_;
   std::unique_ptr<Signals> signals_;
+  std::optional<std::string> pendingPurchase_;  // the product of the payment under way
+  bool toldPurchasePending_ = false;            // the ignored-message log line was written
+  std::shared_ptr<DeferredWatch> deferredWatch_;  // observes the payment queue while alive
 };
 
 // The welcome page: a widget the host lays over its start screen (for
 // example as a GtkOverlay overlay). It shows the stored welcome page at once,
 // or a spinner until the backend's page arrives, fades out 2 s after a page
-// is shown (1 s, ease-out) and removes itself from its parent; after
+// is shown (1 s, ease-out) and removes itself from its parent (from overlay
+// layers, boxes, grids, fixed and stacks; in any other container it is only
+// hidden, and the host may remove it when it likes); after
 // waitingTime seconds it removes itself whatever happened. Timers run on the
 // SDK's main queue (and so follow its clock).
 class VelquinWelcomePage : public std::enable_shared_from_this<VelquinWelcomePage> {
@@ -192,7 +222,7 @@ class VelquinWelcomePage : public std::enable_shared_from_this<VelquinWelcomePag
   // The page text shown last (empty while none).
   const std::string& shownPage() const { return shownPage_; }
   bool isLoaderSpinning() const;
-  // Whether the widget still has a parent.
+  // Whether the widget is still shown in a parent.
   bool isOnScreen() const;
   // Takes the page off its parent; harmless when already gone.
   void removeFromSuperview();
@@ -215,18 +245,22 @@ class VelquinWelcomePage : public std::enable_shared_from_this<VelquinWelcomePag
   std::shared_ptr<detail::Fade> fade_;
 };
 
-// An in-app message page: a web view and a close button laid over the whole
-// host window. Pages stack; closing the top one reveals the one below. No
-// script bridge.
+// An in-app message page: a web view and a close button in an undecorated
+// window of its own, transient for the host's top window and covering it (the
+// host's widgets are never moved). Pages stack; closing the top one reveals
+// the one below. Escape closes it. No script bridge; links open in the
+// user's browser through the URI launcher.
 class OVInAppMessagePage : public std::enable_shared_from_this<OVInAppMessagePage> {
  public:
-  // Shows the page on the active host window; null when no window is active.
+  // Shows the page over the active host window (and whatever is shown over
+  // it); null when no window is active.
   static std::shared_ptr<OVInAppMessagePage> show(const std::string& htmlString);
   ~OVInAppMessagePage();
   OVInAppMessagePage(const OVInAppMessagePage&) = delete;
   OVInAppMessagePage& operator=(const OVInAppMessagePage&) = delete;
 
   void closeAction();
+  GtkWindow* window() const { return window_; }
   GtkWidget* widget() const { return root_; }
   WebKitWebView* webView() const { return webView_; }
   GtkWidget* closeButton() const { return closeButton_; }
@@ -237,10 +271,12 @@ class OVInAppMessagePage : public std::enable_shared_from_this<OVInAppMessagePag
 
  private:
   explicit OVInAppMessagePage(std::string htmlString);
-  void build(GtkWindow* window);
+  void build(GtkWindow* over);
 
-  // Main thread only.
+  // Main thread only. The widgets belong to window_; all are null once it
+  // is destroyed.
   std::string htmlString_;
+  GtkWindow* window_ = nullptr;
   GtkWidget* root_ = nullptr;
   WebKitWebView* webView_ = nullptr;
   GtkWidget* closeButton_ = nullptr;
