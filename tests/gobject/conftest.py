@@ -22,6 +22,10 @@ STORE_CONFIG = {
          "title": "Premium (monthly)", "description": "Every feature, billed monthly",
          "price": "4.99", "subscription_period": {"unit": "month", "count": 1},
          "group": "premium"},
+        {"type": "auto-renewable", "id": "com.velquin.demo.yearly",
+         "title": "Premium (yearly)", "description": "Every feature, billed yearly",
+         "price": "39.99", "subscription_period": {"unit": "year", "count": 1},
+         "group": "premium"},
     ],
 }
 

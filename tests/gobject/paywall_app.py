@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """A small GTK 4 host of the installed typelibs: presents the paywall over
-its window, buys a product through the page (as a click on the page's
-button would: the page's purchase message) and prints, one JSON line each,
-what the paywall's signals said and when the user became a subscriber.
-Ends then.
+its window, buys a product through the page (a click on its "Buy" button)
+and prints, one JSON line each,
+what the paywall's signals said. Closes the paywall after the purchase and
+ends once it is closed.
 
     paywall_app.py BUNDLE PRODUCT_ID
 """
@@ -85,6 +85,7 @@ def main():
             error=[error.domain, error.code] if error else None)
 
     paywall.connect("purchase-finished", finished)
+    paywall.connect("closed", lambda *_: seen.append("closed") or say(signal="closed"))
     shown = []
     paywall.present(window, None,
                     lambda p, res: shown.append(p.present_finish(res)))
@@ -92,28 +93,21 @@ def main():
     say(shown=shown[0])
 
     # The page on screen: the paywall's own window covers ours.
-    windows = [w for w in Gtk.Window.list_toplevels() if w is not window]
-    view = next(v for v in map(web_view, windows) if v is not None)
-    # Buys once the page has its products (the page asked and was answered).
-    loop_until(lambda: view.get_estimated_load_progress() >= 1.0)
-    evaluate(view, "window.webkit.messageHandlers.purchase.postMessage(%s); true"
-             % json.dumps(product))
-    # The purchase through the page made the user a subscriber.
-    active = []
-
-    def ask():
-        sdk.has_active_subscription(None, answered)
-        return False
-
-    def answered(sdk, result):
-        if sdk.has_active_subscription_finish(result).props.is_active:
-            active.append(True)
-        else:
-            GLib.timeout_add(100, ask)
-
-    ask()
-    loop_until(lambda: active)
-    say(active=True)
+    view = next(v for v in map(web_view, Gtk.Window.list_toplevels()) if v is not None)
+    # Clicks the product's "Buy" button once the page has shown its products
+    # (the page asked through the bridge and was answered).
+    button = "document.getElementById(%s)" % json.dumps("plan-" + product)
+    ready = "(function () { var p = %s; return p !== null && !p.querySelector('button').disabled; })()"
+    while evaluate(view, ready % button) != "true":
+        GLib.timeout_add(50, lambda: False)
+        GLib.MainContext.default().iteration(True)
+    evaluate(view, "%s.querySelector('button').click(); true" % button)
+    loop_until(lambda: "finished" in seen)
+    # No reference of ours may keep the paywall's window from being disposed
+    # (its end is told when it is).
+    del view
+    paywall.close()
+    loop_until(lambda: "closed" in seen)
 
 
 if __name__ == "__main__":
