@@ -39,7 +39,9 @@ VELQUIN_GTK_GLIB_API gboolean velquin_gtk_install (void);
  * something the page needed failed.
  *
  * The paywalls of a process report to one listener: the #VelquinGtkPaywall
- * made last (until it is finalized).
+ * made last (until it is finalized). #VelquinGtkPaywall::closed comes when
+ * the paywall's window is disposed, so a host must not keep references to
+ * that window or its children (a binding's variables included).
  */
 #define VELQUIN_GTK_TYPE_PAYWALL (velquin_gtk_paywall_get_type ())
 VELQUIN_GTK_GLIB_API G_DECLARE_FINAL_TYPE (VelquinGtkPaywall, velquin_gtk_paywall, VELQUIN_GTK, PAYWALL, GObject)
