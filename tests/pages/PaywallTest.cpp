@@ -295,6 +295,23 @@ TEST_F(PaywallTest, ADoubleClickBuysOnceAndThePageHearsOnceForItsProduct) {
   EXPECT_FALSE(paywall->isBusy());
 }
 
+TEST_F(PaywallTest, ADeferredPaymentStopsTheSpinnerAndKeepsThePageWaitingForItsAnswer) {
+  ASSERT_TRUE(configureAndIterate());
+  store->setOutcome(kMonthly, {LocalStore::Outcome::askToBuy});
+  auto paywall = presentBridge();
+  auto* view = paywall->webView();
+  evaluate(view, std::string("ask(['") + kMonthly + "'])");
+  skuText(view, 0);
+  evaluate(view, std::string("buy('") + kMonthly + "'); true");
+  ASSERT_TRUE(iterateUntil([&] { return delegate->calls.size() >= 2; }));
+  EXPECT_TRUE(iterateUntil([&] { return !paywall->isBusy(); }));
+  // Still pending: a second click starts nothing, and no answer came yet.
+  evaluate(view, std::string("buy('") + kMonthly + "'); true");
+  roundTrip(view);
+  EXPECT_EQ(evaluate(view, "window.purchases.length"), "0");
+  EXPECT_EQ(delegate->calls, (std::vector<std::string>{"presented", std::string("started ") + kMonthly}));
+}
+
 TEST_F(PaywallTest, HostilePagesNeverReachTheBridge) {
   const std::string attempt =
       std::string("<script>const id = '") + kMonthly + "'; const got = [];\n"
