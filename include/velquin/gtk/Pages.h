@@ -7,7 +7,8 @@
 //
 // Threads: every function and class here is used on the GTK main thread,
 // which after install() is also the SDK's main queue. The SDK calls back into
-// these pages only through that queue.
+// these pages only through that queue, and every completion and delegate
+// call the pages make runs there too.
 //
 // Ownership: GTK widgets belong to their GTK parents as usual. A paywall or an
 // in-app message page keeps itself alive while it is on screen and frees
