@@ -194,8 +194,8 @@ class VelQuinOVPPaywallviewController
   std::uint64_t progressTimer_ = 0;
   std::function<void(const std::string&)> scriptObserver_;
   std::unique_ptr<Signals> signals_;
-  std::optional<std::string> pendingPurchase_;  // the product of the payment under way
-  bool toldPurchasePending_ = false;            // the ignored-message log line was written
+  std::optional<std::string> pendingPurchase_;    // the product of the payment under way
+  bool toldPurchasePending_ = false;              // the ignored-message log line was written
   std::shared_ptr<DeferredWatch> deferredWatch_;  // observes the payment queue while alive
 };
 
