@@ -285,8 +285,8 @@ class DemoApp {
     poll([this] {
       if (shotMessage_) return true;
       auto pages = OVInAppMessagePage::shownPages();
-      bool placed = !pages.empty() && pages.back()->window() &&
-                    gtk_widget_get_mapped(pages.back()->widget());
+      bool placed =
+          !pages.empty() && pages.back()->window() && gtk_widget_get_mapped(pages.back()->widget());
       // The fetch is bounded by the SDK's call timeouts; 30 s is only a guard.
       if (!placed) {
         if (++messageWaits_ < 300) return false;
@@ -330,15 +330,16 @@ class DemoApp {
 
   void openPaywall() {
     // Answered on the main queue, that is GTK's loop.
-    Velquin::shared().loadPaywallToPurachase([this](bool shown, std::optional<std::string> message) {
-      if (!shown) {
-        std::fprintf(stderr, "velquin-gtk-demo: paywall not shown: %s\n",
-                     message.value_or("").c_str());
-        if (options_.screenshots) finish(false);
-        return;
-      }
-      if (options_.screenshots) drivePaywall();
-    });
+    Velquin::shared().loadPaywallToPurachase(
+        [this](bool shown, std::optional<std::string> message) {
+          if (!shown) {
+            std::fprintf(stderr, "velquin-gtk-demo: paywall not shown: %s\n",
+                         message.value_or("").c_str());
+            if (options_.screenshots) finish(false);
+            return;
+          }
+          if (options_.screenshots) drivePaywall();
+        });
   }
 
   void save(GtkWidget* widget, const std::string& name, const std::string& what) {

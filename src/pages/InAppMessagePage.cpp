@@ -83,38 +83,37 @@ void OVInAppMessagePage::build(GtkWindow* over) {
   detail::closeOnEscape(window_, [weak] {
     if (auto self = weak.lock()) self->closeAction();
   });
-  // However the window goes (closed, its host window destroyed), the page
-  // leaves the stack.
-  g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget* gone, gpointer data) {
-                     auto* self = static_cast<OVInAppMessagePage*>(data);
-                     // The window below becomes the active one again (after this one
-                     // is gone, or the focus would come back here), so the next
-                     // page can be shown over it.
-                     if (auto* below = static_cast<GtkWindow*>(
-                             g_object_get_data(G_OBJECT(gone), kBelowKey))) {
-                       g_idle_add_full(
-                           G_PRIORITY_DEFAULT_IDLE,
-                           [](gpointer window) -> gboolean {
-                             if (gtk_widget_get_visible(GTK_WIDGET(window))) {
-                               gtk_window_present(GTK_WINDOW(window));
-                             }
-                             return G_SOURCE_REMOVE;
-                           },
-                           g_object_ref(below), g_object_unref);
-                     }
-                     self->window_ = nullptr;
-                     self->root_ = nullptr;
-                     self->webView_ = nullptr;
-                     self->closeButton_ = nullptr;
-                     auto& list = shownList();
-                     std::erase_if(list, [self](const auto& page) { return page.get() == self; });
+  // The window going by other ways (its host window destroyed) ends the
+  // page as well. Destroying a window hides it at once but may free it
+  // later, while others hold it: the page ends when it is hidden.
+  g_signal_connect(window_, "hide", G_CALLBACK(+[](GtkWidget*, gpointer data) {
+                     static_cast<OVInAppMessagePage*>(data)->closeAction();
                    }),
                    this);
 }
 
 void OVInAppMessagePage::closeAction() {
   auto keep = shared_from_this();
-  if (window_) gtk_window_destroy(window_);
+  if (GtkWindow* window = std::exchange(window_, nullptr)) {
+    root_ = nullptr;
+    webView_ = nullptr;
+    closeButton_ = nullptr;
+    g_signal_handlers_disconnect_by_data(window, this);
+    // The window below becomes the active one again (after this one is
+    // gone, or the focus would come back here), so the next page can be
+    // shown over it.
+    if (auto* below = static_cast<GtkWindow*>(g_object_get_data(G_OBJECT(window), kBelowKey))) {
+      g_idle_add_full(
+          G_PRIORITY_DEFAULT_IDLE,
+          [](gpointer held) -> gboolean {
+            if (gtk_widget_get_visible(GTK_WIDGET(held))) gtk_window_present(GTK_WINDOW(held));
+            return G_SOURCE_REMOVE;
+          },
+          g_object_ref(below), g_object_unref);
+    }
+    // Hidden and let go of here; GTK frees it once nothing else holds it.
+    gtk_window_destroy(window);
+  }
   std::erase(shownList(), keep);
 }
 

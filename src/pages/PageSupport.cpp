@@ -266,7 +266,9 @@ void installBridge(WebKitUserContentManager* manager, const std::vector<std::str
   // cross; anything else arrives as null and is dropped).
   std::string pageSide =
       "(() => {\n"
-      "  const names = " + list.dump() + ";\n"
+      "  const names = " +
+      list.dump() +
+      ";\n"
       "  const handlers = {};\n"
       "  for (const name of names) {\n"
       "    handlers[name] = Object.freeze({ postMessage(body) {\n"
@@ -291,9 +293,9 @@ void installBridge(WebKitUserContentManager* manager, const std::vector<std::str
     webkit_user_content_manager_register_script_message_handler(manager, name.c_str(),
                                                                 kBridgeWorld);
   }
-  WebKitUserScript* page = webkit_user_script_new(
-      pageSide.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
-      WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
+  WebKitUserScript* page =
+      webkit_user_script_new(pageSide.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
+                             WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
   WebKitUserScript* ours = webkit_user_script_new_for_world(
       ourSide.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
       WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, kBridgeWorld, nullptr, nullptr);

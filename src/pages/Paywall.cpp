@@ -88,10 +88,12 @@ VelQuinOVPPaywallviewController::~VelQuinOVPPaywallviewController() {
     g_object_remove_weak_pointer(G_OBJECT(coveredWindow_), reinterpret_cast<gpointer*>(&coveredWindow_));
   }
   if (coveredOwner_) {
-    g_object_remove_weak_pointer(G_OBJECT(coveredOwner_), reinterpret_cast<gpointer*>(&coveredOwner_));
+    g_object_remove_weak_pointer(G_OBJECT(coveredOwner_),
+                                 reinterpret_cast<gpointer*>(&coveredOwner_));
   }
   if (deferredWatch_) {
-    if (auto queue = SKPaymentQueue::defaultQueue()) queue->removeTransactionObserver(deferredWatch_);
+    if (auto queue = SKPaymentQueue::defaultQueue())
+      queue->removeTransactionObserver(deferredWatch_);
   }
   Velquin::shared().writeLog("VelQuinPaywall deinit");
   if (progressTimer_) MainQueue::shared().cancel(progressTimer_);
@@ -446,10 +448,10 @@ void VelQuinOVPPaywallviewController::onPurchase(const std::string& productId) {
           error = Error{kVelquinErrorDomain, 2, "The user cancelled the purchase."};
         }
         // Successful purchases answer on a gRPC thread: move to the page's thread.
-        MainQueue::shared().async([weak, productId, subscriber = std::move(subscriber),
-                                   error = std::move(error)] {
-          if (auto self = weak.lock()) self->purchaseFinished(productId, subscriber, error);
-        });
+        MainQueue::shared().async(
+            [weak, productId, subscriber = std::move(subscriber), error = std::move(error)] {
+              if (auto self = weak.lock()) self->purchaseFinished(productId, subscriber, error);
+            });
       });
 }
 
@@ -459,9 +461,8 @@ void VelQuinOVPPaywallviewController::purchaseFinished(const std::string& produc
   pendingPurchase_.reset();
   bool failed = error.has_value();
   if (auto delegate = paywallDelegate()) {
-    delegate->paywallPurchaseFinished(productId,
-                                      failed ? std::nullopt : std::optional<OVSubscriber>(subscriber),
-                                      error);
+    delegate->paywallPurchaseFinished(
+        productId, failed ? std::nullopt : std::optional<OVSubscriber>(subscriber), error);
   }
   setBusy(false);
   if (failed) {

@@ -63,8 +63,9 @@ class GtkPagePresenter final : public PagePresenter {
     return true;
   }
   bool presentInAppMessage(const std::string& html) override {
-    whenWindowActive([html](GtkWindow*) { OVInAppMessagePage::show(html); },
-                     [] { Velquin::shared().writeLog("in-app message: no host window became active"); });
+    whenWindowActive(
+        [html](GtkWindow*) { OVInAppMessagePage::show(html); },
+        [] { Velquin::shared().writeLog("in-app message: no host window became active"); });
     return true;
   }
 };
@@ -93,7 +94,9 @@ UriLauncher& launcherSlot() {
 }
 }  // namespace
 
-void setUriLauncher(UriLauncher launcher) { launcherSlot() = std::move(launcher); }
+void setUriLauncher(UriLauncher launcher) {
+  launcherSlot() = std::move(launcher);
+}
 
 void openUri(GtkWindow* parent, const std::string& uri) {
   if (auto& launcher = launcherSlot()) {

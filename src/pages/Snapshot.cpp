@@ -65,11 +65,10 @@ bool saveSnapshot(GtkWidget* widget, const std::string& pngPath, std::chrono::mi
   // nothing: wait for a frame painted after the call.
   if (GdkFrameClock* clock = gtk_widget_get_frame_clock(widget)) {
     bool painted = false;
-    gulong handler = g_signal_connect(clock, "after-paint",
-                                      G_CALLBACK(+[](GdkFrameClock*, gpointer flag) {
-                                        *static_cast<bool*>(flag) = true;
-                                      }),
-                                      &painted);
+    gulong handler = g_signal_connect(
+        clock, "after-paint",
+        G_CALLBACK(+[](GdkFrameClock*, gpointer flag) { *static_cast<bool*>(flag) = true; }),
+        &painted);
     gtk_widget_queue_draw(widget);
     while (!painted && g_get_monotonic_time() < deadline) g_main_context_iteration(nullptr, FALSE);
     g_signal_handler_disconnect(clock, handler);

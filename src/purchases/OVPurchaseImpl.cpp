@@ -516,9 +516,8 @@ void OVPurchaseImpl::loadPaywallToPurachase(PaywallCompletion completion) {
   // Every answer comes on the main queue, whichever path gives it.
   auto answer = [completion](bool shown, std::optional<std::string> message) {
     if (!completion) return;
-    MainQueue::shared().async([completion, shown, message = std::move(message)] {
-      completion(shown, message);
-    });
+    MainQueue::shared().async(
+        [completion, shown, message = std::move(message)] { completion(shown, message); });
   };
   if (auto page = dataCache_->paywallPage()) {
     if (page->empty()) return answer(false, "No paywall data configured");

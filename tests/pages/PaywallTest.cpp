@@ -263,8 +263,9 @@ TEST_F(PaywallTest, SuccessfulPurchaseAnswersTrueAndOkClosesThePaywall) {
   EXPECT_TRUE(VelQuinOVPPaywallviewController::presented().empty());
 
   // The host heard all of it, with the backend's subscriber.
-  EXPECT_EQ(delegate->calls, (std::vector<std::string>{"presented", std::string("started ") + kMonthly,
-                                                       std::string("finished ") + kMonthly, "closed"}));
+  EXPECT_EQ(delegate->calls,
+            (std::vector<std::string>{"presented", std::string("started ") + kMonthly,
+                                      std::string("finished ") + kMonthly, "closed"}));
   ASSERT_EQ(delegate->subscribers.size(), 1u);
   ASSERT_TRUE(delegate->subscribers[0]);
   EXPECT_TRUE(delegate->subscribers[0]->isActive);
@@ -287,19 +288,42 @@ TEST_F(PaywallTest, ADoubleClickBuysOnceAndThePageHearsOnceForItsProduct) {
   EXPECT_EQ(evaluate(view, "window.purchases.length"), "1");
   EXPECT_EQ(server->calls("VerifyReceipt").size(), 1u);
   EXPECT_EQ(std::count(delegate->calls.begin(), delegate->calls.end(),
-                       std::string("started ") + kMonthly), 1);
-  EXPECT_EQ(std::count(delegate->calls.begin(), delegate->calls.end(),
-                       std::string("started ") + kYearly), 0);
+                       std::string("started ") + kMonthly),
+            1);
+  EXPECT_EQ(
+      std::count(delegate->calls.begin(), delegate->calls.end(), std::string("started ") + kYearly),
+      0);
   // Once it is over, the next purchase goes through again.
   paywall->pressAlertOK();
   EXPECT_FALSE(paywall->isBusy());
 }
 
+TEST_F(PaywallTest, ADeferredPaymentStopsTheSpinnerAndKeepsThePageWaitingForItsAnswer) {
+  ASSERT_TRUE(configureAndIterate());
+  store->setOutcome(kMonthly, {LocalStore::Outcome::askToBuy});
+  auto paywall = presentBridge();
+  auto* view = paywall->webView();
+  evaluate(view, std::string("ask(['") + kMonthly + "'])");
+  skuText(view, 0);
+  evaluate(view, std::string("buy('") + kMonthly + "'); true");
+  ASSERT_TRUE(iterateUntil([&] { return delegate->calls.size() >= 2; }));
+  EXPECT_TRUE(iterateUntil([&] { return !paywall->isBusy(); }));
+  // Still pending: a second click starts nothing, and no answer came yet.
+  evaluate(view, std::string("buy('") + kMonthly + "'); true");
+  roundTrip(view);
+  EXPECT_EQ(evaluate(view, "window.purchases.length"), "0");
+  EXPECT_EQ(delegate->calls,
+            (std::vector<std::string>{"presented", std::string("started ") + kMonthly}));
+}
+
 TEST_F(PaywallTest, HostilePagesNeverReachTheBridge) {
   const std::string attempt =
-      std::string("<script>const id = '") + kMonthly + "'; const got = [];\n"
-      "try { window.webkit.messageHandlers.purchase.postMessage(id); got.push('own'); } catch (e) {}\n"
-      "try { parent.webkit.messageHandlers.purchase.postMessage(id); got.push('parent'); } catch (e) {}\n"
+      std::string("<script>const id = '") + kMonthly +
+      "'; const got = [];\n"
+      "try { window.webkit.messageHandlers.purchase.postMessage(id); got.push('own'); } catch (e) "
+      "{}\n"
+      "try { parent.webkit.messageHandlers.purchase.postMessage(id); got.push('parent'); } catch "
+      "(e) {}\n"
       "try { parent.document.dispatchEvent(new CustomEvent('velquin-bridge', {detail:"
       " JSON.stringify(['purchase', id])})); got.push('event'); } catch (e) {}\n"
       "parent.postMessage('tried:' + got.join(','), '*');</script>";
@@ -310,9 +334,10 @@ TEST_F(PaywallTest, HostilePagesNeverReachTheBridge) {
   skuText(view, 0);
 
   // A frame of another site inside the page.
-  evaluate(view, "window.addEventListener('message', e => { window.frameSaid = e.data; });"
-                 "const f = document.createElement('iframe'); f.src = '" + site.url("/frame") +
-                     "'; document.body.appendChild(f); true");
+  evaluate(view,
+           "window.addEventListener('message', e => { window.frameSaid = e.data; });"
+           "const f = document.createElement('iframe'); f.src = '" +
+               site.url("/frame") + "'; document.body.appendChild(f); true");
   ASSERT_TRUE(iterateUntil([&] { return evaluate(view, "window.frameSaid || ''") != "\"\""; }));
   EXPECT_EQ(evaluate(view, "window.frameSaid"), "\"tried:\"");
 
@@ -340,17 +365,20 @@ TEST_F(PaywallTest, NewWindowsGoToTheLauncherAndLocalFilesStayOut) {
 
   // (A script's click on a target=_blank link opens nothing in WebKit
   // without a user's gesture; window.open takes the same way out.)
-  evaluate(view, "window.open('https://127.0.0.1:9/terms'); window.open('mailto:help@example.com'); true");
-  evaluate(view, "fetch('file:///etc/hostname').then(r => r.text()).then("
-                 "t => { window.fileRead = 'read'; }, e => { window.fileRead = 'refused'; }); true");
+  evaluate(
+      view,
+      "window.open('https://127.0.0.1:9/terms'); window.open('mailto:help@example.com'); true");
+  evaluate(view,
+           "fetch('file:///etc/hostname').then(r => r.text()).then("
+           "t => { window.fileRead = 'read'; }, e => { window.fileRead = 'refused'; }); true");
   evaluate(view, "location.href = 'file:///etc/hostname'; true");
   ASSERT_TRUE(waitForPage(view, "window.fileRead"));
   EXPECT_EQ(evaluate(view, "window.fileRead"), "\"refused\"");
   ASSERT_TRUE(iterateUntil([&] { return launched.size() >= 2; }))
       << ::testing::PrintToString(launched);
   roundTrip(view);
-  EXPECT_EQ(launched, (std::vector<std::string>{"https://127.0.0.1:9/terms",
-                                                "mailto:help@example.com"}));
+  EXPECT_EQ(launched,
+            (std::vector<std::string>{"https://127.0.0.1:9/terms", "mailto:help@example.com"}));
   EXPECT_STREQ(webkit_web_view_get_uri(view), "about:blank");
   EXPECT_EQ(g_list_model_get_n_items(gtk_window_get_toplevels()), windows);
 }

@@ -7,7 +7,8 @@
 //
 // Threads: every function and class here is used on the GTK main thread,
 // which after install() is also the SDK's main queue. The SDK calls back into
-// these pages only through that queue.
+// these pages only through that queue, and every completion and delegate
+// call the pages make runs there too.
 //
 // Ownership: GTK widgets belong to their GTK parents as usual. A paywall or an
 // in-app message page keeps itself alive while it is on screen and frees
@@ -193,8 +194,8 @@ class VelQuinOVPPaywallviewController
   std::uint64_t progressTimer_ = 0;
   std::function<void(const std::string&)> scriptObserver_;
   std::unique_ptr<Signals> signals_;
-  std::optional<std::string> pendingPurchase_;  // the product of the payment under way
-  bool toldPurchasePending_ = false;            // the ignored-message log line was written
+  std::optional<std::string> pendingPurchase_;    // the product of the payment under way
+  bool toldPurchasePending_ = false;              // the ignored-message log line was written
   std::shared_ptr<DeferredWatch> deferredWatch_;  // observes the payment queue while alive
 };
 
