@@ -15,6 +15,7 @@
 #include "crash/CrashReport.h"
 #include "crash/CrashReportFormat.h"
 #include "crash/CrashSignalHandler.h"
+#include "platform/SafeFile.h"
 
 namespace velquin::crash {
 namespace {
@@ -300,7 +301,9 @@ std::unique_ptr<CrashEngine> createCrashEngine(const CrashEngineConfig& config) 
       directory = directory.parent_path();
     // The handler builds "<folder>/<temporary name>" in a PATH_MAX buffer.
     if (directory.native().size() + 64 > PATH_MAX) return nullptr;
-    std::filesystem::create_directories(directory, ec);
+    // Reports hold the process's memory addresses and names: the folder is
+    // the user's alone.
+    platform::makePrivateDirectories(directory);
     if (!std::filesystem::is_directory(directory, ec) ||
         ::access(directory.c_str(), R_OK | X_OK) != 0) {
       return nullptr;
