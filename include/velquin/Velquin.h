@@ -55,6 +55,14 @@ class VELQUIN_EXPORT Velquin {
   // The "[OrventPurchase]" log lines. May be called before shared(), so
   // that the lines of the SDK's creation show too.
   static void setPurchasesLogs(bool enabled);
+  // For hosts with their own fault handling (a managed runtime whose SIGSEGV
+  // handler turns faults into exceptions): with true, crash capture calls
+  // the handler installed before it first, and a fault that handler
+  // handles (it moves the instruction or stack pointer, or returns and the
+  // fault does not come back) is no crash: no report, the host goes on.
+  // Default false: report, then call that handler, then end the process.
+  // Call before configure().
+  static void setCrashCaptureChainsHostHandlerFirst(bool enabled);
   // Note the inversion: the delivery log switch is set to !enabled.
   void setAnalyticsLogs(bool enabled);
 

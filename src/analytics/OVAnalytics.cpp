@@ -100,13 +100,15 @@ OVEventReceipt submitEvent(const std::optional<std::string>& name,
 }
 
 // The uncaught-exception hook's record: a "falal_crash" row in the cache,
-// sent at the next start. Runs on the dying thread.
-void writeExceptionRecord(const std::string& record) noexcept {
+// sent at the next start. Runs on the dying thread. True only when the row
+// is committed; otherwise the crash engine reports the abort instead.
+bool writeExceptionRecord(const std::string& record) noexcept {
   try {
     auto& cache = OVRequestCache::shared();
     auto& deviceInfo = OVDeviceInfoManager::shared();
-    cache.writeFatalCrash(record, deviceInfo.userId(), deviceInfo.nextRequestNumber());
+    return cache.writeFatalCrash(record, deviceInfo.userId(), deviceInfo.nextRequestNumber());
   } catch (...) {  // the process is ending either way
+    return false;
   }
 }
 

@@ -28,6 +28,9 @@ namespace velquin::crash {
 // Why an engine operation failed; `description` is the text shown to people.
 struct EngineError {
   std::string description;
+  // Set by loadPendingCrashReportData when every pending report was claimed
+  // by another process in the meantime: nothing failed.
+  bool nonePending = false;
 };
 
 // Which signal capture and symbol strategy to use, and what the report's
@@ -47,6 +50,9 @@ struct CrashEngineConfig {
   // Named in the formatted report's header.
   std::string applicationId;
   std::string applicationVersion;
+  // The host's earlier signal handler runs first; a signal it handles is no
+  // crash (see HandlerSettings::chainFirst in the engine's handler).
+  bool chainHostHandlerFirst = false;
 
   // nullopt for a signal handler type this platform does not have.
   static std::optional<CrashEngineConfig> make(int signalHandlerType, int symbolicationStrategy);
@@ -65,9 +71,11 @@ class CrashEngine {
   // Installs the handlers (previous handlers are kept and chained). False,
   // with `error` set, when they cannot be installed.
   virtual bool enable(EngineError* error) = 0;
-  // True when an earlier run left a report.
+  // True when an earlier run left a report no running process has claimed.
   virtual bool hasPendingCrashReport() = 0;
-  // The pending report's bytes; nullopt, with `error` set, when unreadable.
+  // Claims the oldest pending report for this engine (no other process can
+  // read it from then on) and returns its bytes; nullopt, with `error` set,
+  // when unreadable or when none is left to claim.
   virtual std::optional<std::vector<std::byte>> loadPendingCrashReportData(EngineError* error) = 0;
   // Null, with `error` set, for bytes that are not a whole report (truncated,
   // garbage, wrong version). Never crashes on any input.
@@ -76,8 +84,10 @@ class CrashEngine {
   // The report as readable text; an empty string when it cannot be
   // formatted (the report then stays pending).
   virtual std::string formatCrashReport(const ParsedCrashReport& report, int textFormat) = 0;
-  // Removes the pending report; false when it could not.
+  // Removes the report this engine claimed; false when it could not.
   virtual bool purgePendingCrashReport() = 0;
+  // Gives the claimed report back, pending, for a later start.
+  virtual void releasePendingCrashReport() {}
 };
 
 // The Linux engine; null when it cannot be created (no report folder).

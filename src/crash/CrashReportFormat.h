@@ -73,8 +73,15 @@ inline constexpr std::size_t kMaxRegisters = 64;
 inline constexpr std::size_t kMaxTextBytes = 4096;
 inline constexpr std::size_t kMaxReportBytes = 4 * 1024 * 1024;
 
-// File names inside the report folder.
+// File names inside the report folder. Each crash leaves its own report,
+// "pending-crash-report-<pid>-<seconds><nanoseconds>", so a new crash never
+// replaces one not yet delivered; a reader claims one by renaming it to
+// ".claimed-<reader pid>-<report name>" before reading it.
 inline constexpr char kPendingFileName[] = "pending-crash-report";
+inline constexpr char kClaimPrefix[] = ".claimed-";
+// Reports kept at most: a process that starts with this many pending writes
+// none of its own.
+inline constexpr std::size_t kMaxPendingReports = 16;
 // Written first, then renamed to the pending name; the pid follows the
 // prefix so that processes sharing the folder never write the same file.
 inline constexpr char kTempFilePrefix[] = ".crash-report-";

@@ -1,12 +1,31 @@
 #include "crash/CrashReporter.h"
 
+#include <atomic>
 #include <cstdlib>
 
 #include "platform/Env.h"
+#include "crash/CrashReportFormat.h"
 #include "support/Console.h"
+#include "support/OVUtils.h"
 #include "velquin/Bundle.h"
 
 namespace velquin {
+namespace {
+
+// The reporter's own lines, on standard output while the SDK's logs are on.
+void say(const std::string& line) {
+  if (OVUtils::shared().isLogEnable) support::printLine(line);
+}
+
+}  // namespace
+
+namespace {
+std::atomic<bool> gChainsHostHandlerFirst{false};
+}  // namespace
+
+void CrashReporter::setChainsHostHandlerFirst(bool enabled) {
+  gChainsHostHandlerFirst = enabled;
+}
 
 CrashReporter::CrashReporter() : CrashReporter(crash::createCrashEngine) {}
 
@@ -26,6 +45,7 @@ void CrashReporter::startCrashReporter(const Completion& completion) {
   }
   const Bundle& bundle = Bundle::main();
   config->reportDirectory = reportDirectory();
+  config->chainHostHandlerFirst = gChainsHostHandlerFirst.load();
   config->applicationId = bundle.bundleIdentifier();
   config->applicationVersion = bundle.shortVersionString();
   if (!bundle.version().empty() && bundle.version() != bundle.shortVersionString()) {
@@ -36,27 +56,40 @@ void CrashReporter::startCrashReporter(const Completion& completion) {
   if (!engine) return;
 
   crash::EngineError enableError;
-  if (!engine->enable(&enableError)) support::printLine("error: crashReporter");
-
-  if (!engine->hasPendingCrashReport()) return;
-
-  crash::EngineError error;
-  std::optional<Error> failure;
-  if (auto data = engine->loadPendingCrashReportData(&error)) {
-    if (auto report = engine->parseCrashReport(*data, &error)) {
-      std::string text = engine->formatCrashReport(*report, crash::kCrashReportTextFormatiOS);
-      if (text.empty()) return;  // kept for the next start
-      if (completion) completion(std::move(text), std::nullopt);
-      engine->purgePendingCrashReport();
-      return;
-    }
-    failure = Error{kErrorDomain, kParseFailed, error.description};
-  } else {
-    failure = Error{kErrorDomain, kLoadFailed, error.description};
+  if (!engine->enable(&enableError)) {
+    say("error: crashReporter");
+    // Once per arming, whatever the log switch: without it a crash is lost
+    // with no word.
+    if (!enableError.description.empty()) support::warn("[crash] " + enableError.description);
   }
-  if (completion) completion(std::nullopt, failure);
-  support::printLine("CrashReporter failed to load and parse with error: " + failure->message);
-  engine->purgePendingCrashReport();
+
+  // Every report earlier runs left, each claimed before it is read so that
+  // another process starting now never delivers the same one.
+  for (std::size_t round = 0;
+       round < crash::format::kMaxPendingReports && engine->hasPendingCrashReport(); ++round) {
+    crash::EngineError error;
+    std::optional<Error> failure;
+    if (auto data = engine->loadPendingCrashReportData(&error)) {
+      if (auto report = engine->parseCrashReport(*data, &error)) {
+        std::string text = engine->formatCrashReport(*report, crash::kCrashReportTextFormatiOS);
+        if (text.empty()) {
+          engine->releasePendingCrashReport();  // kept for the next start
+          return;
+        }
+        if (completion) completion(std::move(text), std::nullopt);
+        engine->purgePendingCrashReport();
+        continue;
+      }
+      failure = Error{kErrorDomain, kParseFailed, error.description};
+    } else if (error.nonePending) {
+      return;  // the others were claimed by another process
+    } else {
+      failure = Error{kErrorDomain, kLoadFailed, error.description};
+    }
+    if (completion) completion(std::nullopt, failure);
+    say("CrashReporter failed to load and parse with error: " + failure->message);
+    if (!engine->purgePendingCrashReport()) return;
+  }
 }
 
 }  // namespace velquin

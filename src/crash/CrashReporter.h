@@ -27,6 +27,7 @@
 // and error set. Arm it once per process (the analytics start does).
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -56,6 +57,11 @@ class CrashReporter {
   explicit CrashReporter(EngineFactory factory);
 
   void startCrashReporter(const Completion& completion);
+
+  // Whether the engines made from now on run the host's earlier signal
+  // handler first (see crash::HandlerSettings::chainFirst). Process-wide;
+  // any thread; default false.
+  static void setChainsHostHandlerFirst(bool enabled);
 
   // Where the default engine keeps the pending report: the "CrashReports"
   // folder of the application's data folder.

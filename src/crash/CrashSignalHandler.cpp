@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/utsname.h>
 #include <time.h>
 #include <ucontext.h>
@@ -58,7 +59,12 @@ struct SnapshotModule {
 // never changed nor freed: the handler reads it without any lock.
 struct HandlerState {
   std::string reportDirectory;
-  std::string pendingPath;
+  // "<folder>/pending-crash-report-": the handler appends pid and time.
+  std::string pendingPrefix;
+  // False when the folder already held kMaxPendingReports at enable.
+  bool writeReports = true;
+  // The handler installed before ours runs first (see chainFirst).
+  bool chainFirst = false;
   std::string processName;
   std::string osRelease;
   std::string applicationId;
@@ -250,21 +256,54 @@ const SnapshotModule* findSnapshot(const HandlerState& state, std::uint64_t bias
   return nullptr;
 }
 
+// Copies `size` bytes of this process's memory at `from` through the
+// kernel, so an address that is not mapped gives false instead of a fault.
+bool safeRead(void* to, const void* from, std::size_t size) {
+  iovec local{to, size};
+  iovec remote{const_cast<void*>(from), size};
+  return syscall(SYS_process_vm_readv, getpid(), &local, 1UL, &remote, 1UL, 0UL) ==
+         static_cast<long>(size);
+}
+
+// A module name read with safeRead, a page piece at a time (a piece within
+// one page is either all readable or not at all). False when unreadable.
+bool safeReadName(const char* from, char* to, std::size_t capacity) {
+  std::size_t length = 0;
+  while (length + 1 < capacity) {
+    const auto address = reinterpret_cast<std::uintptr_t>(from + length);
+    const std::size_t toPageEnd = 4096 - (address & 4095);
+    const std::size_t piece = std::min({toPageEnd, capacity - 1 - length, std::size_t{256}});
+    if (!safeRead(to + length, from + length, piece)) return false;
+    const void* end = std::memchr(to + length, '\0', piece);
+    if (end != nullptr) return true;
+    length += piece;
+  }
+  to[length] = '\0';
+  return true;
+}
+
 // The modules loaded now: the loader's list when it is consistent, else the
-// snapshot taken at enable.
+// snapshot taken at enable. The list is read through safeRead: a list the
+// crash damaged (a wild write over a link_map) ends the walk instead of
+// faulting inside the handler and costing the report.
 void writeModules(ReportWriter& out, const HandlerState& state) {
   const volatile r_debug& loader = _r_debug;
   std::size_t written = 0;
   if (loader.r_version >= 1 && loader.r_state == r_debug::RT_CONSISTENT) {
-    for (const link_map* m = loader.r_map; m != nullptr && written < format::kMaxModules;
-         m = m->l_next) {
-      const char* name = m->l_name != nullptr ? m->l_name : "";
-      if (const SnapshotModule* known = findSnapshot(state, m->l_addr, name)) {
+    const link_map* next = loader.r_map;
+    char name[format::kMaxTextBytes + 1];
+    while (next != nullptr && written < format::kMaxModules) {
+      link_map m;
+      if (!safeRead(&m, next, sizeof m)) break;
+      name[0] = '\0';
+      if (m.l_name != nullptr && !safeReadName(m.l_name, name, sizeof name)) break;
+      if (const SnapshotModule* known = findSnapshot(state, m.l_addr, name)) {
         writeSnapshotModule(out, *known);
       } else {
-        writeModule(out, m->l_addr, 0, 0, nullptr, 0, name);
+        writeModule(out, m.l_addr, 0, 0, nullptr, 0, name);
       }
       ++written;
+      next = m.l_next;
     }
   }
   if (written == 0) {
@@ -291,7 +330,22 @@ void writeReport(const HandlerState& state, int signal, const siginfo_t* info, v
   if (at >= sizeof tempPath) return;
   tempPath[at] = '\0';
 
-  const int fd = ::open(tempPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  char finalPath[PATH_MAX + 96];
+  at = appendText(finalPath, 0, sizeof finalPath, state.pendingPrefix.c_str());
+  at = appendDecimal(finalPath, at, sizeof finalPath, static_cast<unsigned long>(pid));
+  at = appendText(finalPath, at, sizeof finalPath, "-");
+  at = appendDecimal(finalPath, at, sizeof finalPath, static_cast<unsigned long>(now.tv_sec));
+  // Nine digits of nanoseconds, so names sort by time within a second.
+  char nanos[10];
+  unsigned long rest = static_cast<unsigned long>(now.tv_nsec);
+  for (int i = 8; i >= 0; --i, rest /= 10) nanos[i] = static_cast<char>('0' + rest % 10);
+  nanos[9] = '\0';
+  at = appendText(finalPath, at, sizeof finalPath, nanos);
+  if (at >= sizeof finalPath) return;
+  finalPath[at] = '\0';
+
+  const int fd =
+      ::open(tempPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return;  // a read-only or vanished folder: no report, the process still dies
 
   ReportWriter out(fd);
@@ -335,7 +389,7 @@ void writeReport(const HandlerState& state, int signal, const siginfo_t* info, v
   out.record(format::kEnd, 0);
   const bool written = out.flush();
   ::close(fd);
-  if (!written || ::rename(tempPath, state.pendingPath.c_str()) != 0) ::unlink(tempPath);
+  if (!written || ::rename(tempPath, finalPath) != 0) ::unlink(tempPath);
 }
 
 int signalIndex(int signal) {
@@ -370,16 +424,79 @@ void dieBySignal(int signal, int tid) {
   // default action in place.
 }
 
+// The instruction and stack pointers of a signal context.
+struct Resume {
+  std::uint64_t ip = 0;
+  std::uint64_t sp = 0;
+  bool operator==(const Resume&) const = default;
+};
+
+Resume resumeOf(const void* context) {
+  const auto* uc = static_cast<const ucontext_t*>(context);
+  if (uc == nullptr) return {};
+#if defined(__x86_64__)
+  return {static_cast<std::uint64_t>(uc->uc_mcontext.gregs[REG_RIP]),
+          static_cast<std::uint64_t>(uc->uc_mcontext.gregs[REG_RSP])};
+#elif defined(__aarch64__)
+  return {uc->uc_mcontext.pc, uc->uc_mcontext.sp};
+#else
+  return {};
+#endif
+}
+
+// The fault a chained-first handler returned from without changing the
+// context, per thread: the same fault again means it did not handle it.
+// Initial-exec TLS: a plain memory access, safe in a handler.
+struct LastReturnedFault {
+  int signal = 0;
+  Resume at;
+};
+__attribute__((tls_model("initial-exec"))) thread_local LastReturnedFault tReturnedFault;
+
+// With chainFirst: runs the earlier handler before anything of ours. True
+// when it handled the signal and the thread should go on: it moved the
+// instruction or stack pointer (the runtime turned the fault into its own
+// exception), or it returned from a signal someone sent, or it returned
+// from a fault that does not come back when the instruction runs again.
+bool earlierHandlerHandled(const HandlerState& state, int signal, siginfo_t* info,
+                           void* context) {
+  const int index = signalIndex(signal);
+  if (index < 0) return false;
+  const struct sigaction& previous = state.previous[index];
+  if (previous.sa_handler == SIG_DFL || previous.sa_handler == SIG_IGN) return false;
+  const Resume before = resumeOf(context);
+  const bool fault = info != nullptr && info->si_code > 0;
+  if (fault && tReturnedFault.signal == signal && tReturnedFault.at == before) {
+    tReturnedFault = {};
+    return false;  // it returned last time and the fault came back: not handled
+  }
+  callPrevious(previous, signal, info, context);
+  if (!(resumeOf(context) == before)) return true;
+  if (!fault) return true;
+  tReturnedFault = {signal, before};  // run the instruction again and see
+  return true;
+}
+
 void onFatalSignal(int signal, siginfo_t* info, void* context) {
   const int savedErrno = errno;
   const HandlerState* state = gState.load(std::memory_order_acquire);
+  if (state != nullptr && state->chainFirst && gWriterThread.load() == 0 &&
+      earlierHandlerHandled(*state, signal, info, context)) {
+    errno = savedErrno;
+    return;
+  }
   const int tid = static_cast<int>(syscall(SYS_gettid));
   int owner = 0;
   if (gWriterThread.compare_exchange_strong(owner, tid)) {
-    if (state != nullptr && !gSuppress.load()) writeReport(*state, signal, info, context, tid);
+    if (state != nullptr && state->writeReports && !gSuppress.load()) {
+      writeReport(*state, signal, info, context, tid);
+    }
     gWriterFinished.store(true);
     const int index = signalIndex(signal);
-    if (state != nullptr && index >= 0) callPrevious(state->previous[index], signal, info, context);
+    // With chainFirst the earlier handler has had its turn already.
+    if (state != nullptr && !state->chainFirst && index >= 0) {
+      callPrevious(state->previous[index], signal, info, context);
+    }
   } else if (owner != tid) {
     // Another thread crashed first and is writing its report; that thread
     // ends the process. Wait for it, bounded, then die by our own signal.
@@ -532,7 +649,10 @@ bool installCrashSignalHandlers(const HandlerSettings& settings, std::string* er
 
   auto state = std::make_unique<HandlerState>();
   state->reportDirectory = settings.reportDirectory;
-  state->pendingPath = settings.reportDirectory + "/" + format::kPendingFileName;
+  state->pendingPrefix =
+      settings.reportDirectory + "/" + format::kPendingFileName + std::string("-");
+  state->writeReports = settings.writeReports;
+  state->chainFirst = settings.chainFirst;
   state->applicationId = settings.applicationId;
   state->applicationVersion = settings.applicationVersion;
   state->incidentIdentifier = support::randomUuid();

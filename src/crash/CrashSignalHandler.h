@@ -38,8 +38,8 @@
 //   clock_gettime (POSIX list): crash time and handler time.
 //   open, write, close, rename, unlink (POSIX list): the report is written to
 //     "<folder>/.crash-report-<pid>.tmp" and renamed to
-//     "<folder>/pending-crash-report" (replacing an older report still
-//     pending: the newest crash wins), so a reader never sees half a report;
+//     "<folder>/pending-crash-report-<pid>-<time>" (its own name: a report
+//     still pending is never replaced), so a reader never sees half a report;
 //     a folder that cannot be written leaves nothing and the process still
 //     dies. No fsync: the kernel keeps the data when the process dies; a
 //     power loss at that moment loses the report, which we accept to keep
@@ -61,8 +61,12 @@
 //     dl_iterate_phdr, which takes the loader's recursive lock: a crash on
 //     the same thread inside the loader re-enters it; another thread holding
 //     it is loading a library and lets it go.
-//   Reads of `_r_debug` and its link_map list, of the HandlerState and of the
-//     ucontext and siginfo the kernel passed: plain memory reads.
+//   process_vm_readv on our own pid (a plain system call): the loader's
+//     link_map list and module names, which a crash may have damaged, are
+//     copied through the kernel, so a bad pointer ends the walk instead of
+//     faulting inside the handler.
+//   Reads of `_r_debug`, of the HandlerState and of the ucontext and siginfo
+//     the kernel passed: plain memory reads.
 //   The previous handler (sa_sigaction or sa_handler), as its owner wrote it.
 // Nothing else: no allocation, no stdio, no locks, no C++ exceptions; all
 // numbers are encoded by hand into a buffer on the handler's stack.
@@ -70,6 +74,8 @@
 // Order in the handler: write the report (unless suppressed), call the
 // previous handler, restore the default action and re-raise the signal with
 // tgkill, so the process ends by the same signal as it would have without us.
+// With chainFirst the previous handler runs before all that, and the handler
+// returns when it handled the signal (see HandlerSettings::chainFirst).
 // A fault inside the handler or inside the previous handler (the same thread
 // entering again) skips straight to the default action.
 #pragma once
@@ -82,6 +88,15 @@ struct HandlerSettings {
   std::string reportDirectory;
   std::string applicationId;
   std::string applicationVersion;
+  // False: handlers are installed and chain, but write no report (the
+  // folder already holds as many reports as are kept).
+  bool writeReports = true;
+  // For hosts whose own earlier handler turns faults into work (managed
+  // runtimes): that handler runs first, and a signal it handled (it moved
+  // the instruction or stack pointer, or returned and the fault did not come
+  // back) is no crash: no report, no death. Otherwise as usual, without
+  // calling it a second time.
+  bool chainFirst = false;
 };
 
 // Installs the handlers for SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT and

@@ -175,10 +175,7 @@ void uncaughtExceptionHandler() noexcept {
     try {
       const std::string record = OVUncaughtExceptionHandler::describeCurrentException();
       writeAll(STDOUT_FILENO, record + "\n");
-      if (auto writer = recordWriter.load()) {
-        writer(record);
-        stored = true;
-      }
+      if (auto writer = recordWriter.load()) stored = writer(record);
     } catch (...) {  // out of memory while building the record: the engine reports the abort
     }
     if (stored) crash::suppressReportOfCurrentCrash();

@@ -20,9 +20,12 @@
 // Inside quotes, '"' and '\' are escaped with '\' and line breaks print as
 // "\n", so the text stays one record per value.
 //
-// What happens after the record is stored: the crash engine is told that
-// this crash is reported (velquin::crash::suppressReportOfCurrentCrash), so
-// the abort that ends the process is not reported a second time; then the
+// What happens after the record is stored: when the writer says it is
+// stored (the insert committed), the crash engine is told that this crash is
+// reported (velquin::crash::suppressReportOfCurrentCrash), so the abort that
+// ends the process is not reported a second time; when it is not (the
+// database is locked by another process, the disk is full, there is no
+// store), the engine writes its report of the abort as for any crash; then the
 // handler that was installed before ours runs (the runtime's default prints
 // "terminate called after throwing ..." and aborts; a host's own handler
 // keeps working). If that handler returns, the process aborts.
@@ -45,7 +48,8 @@ class OVUncaughtExceptionHandler {
   OVUncaughtExceptionHandler() = default;
 
   // Stores one record; called on the terminating thread, must not throw.
-  using Writer = void (*)(const std::string& record) noexcept;
+  // True only when the record is durably stored (its insert committed).
+  using Writer = bool (*)(const std::string& record) noexcept;
 
   // Makes uncaughtExceptionHandler the process's terminate handler, keeping
   // the previous one to chain to; `writer` stores each record. False when a

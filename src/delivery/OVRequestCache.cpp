@@ -184,10 +184,11 @@ void OVRequestCache::allRequestsFromFmdbWihtClass(const ZKModelDescription& rowM
   });
 }
 
-void OVRequestCache::writeFatalCrash(const std::optional<std::string>& description,
+bool OVRequestCache::writeFatalCrash(const std::optional<std::string>& description,
                                      const std::string& userId, std::int64_t requestNumber) {
-  if (!store_) return;
-  addRequest(*makeEventEnvelope({kFatalCrashEventName, description, userId, requestNumber}));
+  if (!store_) return false;
+  return addRequest(*makeEventEnvelope({kFatalCrashEventName, description, userId, requestNumber}))
+      .has_value();
 }
 
 }  // namespace velquin

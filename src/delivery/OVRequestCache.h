@@ -72,7 +72,8 @@ class OVRequestCache {
   // Writes a "falal_crash" event for the next start to send, built by the
   // event envelope maker: eventValue = `description` when given, userId
   // when not empty, `requestNumber` the device's advanced request counter.
-  void writeFatalCrash(const std::optional<std::string>& description, const std::string& userId,
+  // True when the row is committed.
+  bool writeFatalCrash(const std::optional<std::string>& description, const std::string& userId,
                        std::int64_t requestNumber);
   // Rows in the cache; with an id, the rows carrying that id.
   std::int64_t rowCount(const std::optional<std::string>& requestId = std::nullopt);

@@ -1,6 +1,7 @@
 #include "delivery/ZKFMDB.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sqlite3.h>
@@ -329,7 +330,8 @@ bool ZKFMDB::openLocked() {
 
 bool ZKFMDB::lockForOpenLocked() {
   if (openLock_ < 0) {
-    openLock_ = ::open((dbPath_.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    openLock_ = ::open((dbPath_.string() + ".lock").c_str(),
+                       O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   }
   if (openLock_ < 0) return false;  // cannot tell: leave the log to SQLite
   // Open file description locks: held by this instance's descriptor, so
@@ -407,16 +409,24 @@ bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {
   // Events carry user ids: the file is the user's alone, like the keychain
   // file and the defaults. SQLite gives the WAL and shared-memory files the
   // database file's mode.
-  if (int fd = ::open(dbPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
+  // Never through a symbolic link: a link in our folder would have us
+  // chmod, and SQLite write, a file that is not ours.
+  const int fd = ::open(dbPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0 && errno == ELOOP) {
+    reason = dbPath_.string() + " is a symbolic link; it is not followed";
+    return false;
+  }
+  if (fd >= 0) {
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & 077) != 0) {
+      ::fchmod(fd, info.st_mode & 0700);
+    }
     ::close(fd);
   }
-  std::error_code modeError;
-  std::filesystem::permissions(dbPath_,
-                               std::filesystem::perms::group_all | std::filesystem::perms::others_all,
-                               std::filesystem::perm_options::remove, modeError);
   try {
     auto db = std::make_unique<SQLite::Database>(
-        dbPath_.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, kBusyTimeoutMs);
+        dbPath_.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_NOFOLLOW,
+        kBusyTimeoutMs);
     // The first statements read the header: a file that is no database
     // fails here with SQLITE_NOTADB.
     db->exec("PRAGMA journal_mode=WAL");

@@ -6,6 +6,7 @@
 #include "AttributionRoot.pb.h"
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
+#include "crash/CrashReporter.h"
 #include "crash/CrashSignalHandler.h"
 #include "facade/CompositionRoot.h"
 #include "notifications/OVNotificationUtil.h"
@@ -96,6 +97,10 @@ void Velquin::configure() {
 
 void Velquin::setPurchasesLogs(bool enabled) {
   OVUtils::enableLogs(enabled);
+}
+
+void Velquin::setCrashCaptureChainsHostHandlerFirst(bool enabled) {
+  CrashReporter::setChainsHostHandlerFirst(enabled);
 }
 
 void Velquin::setAnalyticsLogs(bool enabled) {
@@ -328,6 +333,12 @@ double Velquin::fromBackgroudPointToDelayTime() const {
 
 void Velquin::setUserNotificationCenter(std::shared_ptr<UserNotificationCenter> center) {
   installUserNotificationCenter(std::move(center));
+  // Handling already started: the new centre gets the delegate too. (A
+  // start racing with this call sets it on whichever centre it reads; this
+  // line covers the other order.)
+  if (OVNotificationUtil::shared().isFinishStart) {
+    currentUserNotificationCenter()->setDelegate(OVNotificationUtil::sharedPointer());
+  }
 }
 
 std::shared_ptr<UserNotificationCenter> Velquin::userNotificationCenter() const {

@@ -60,7 +60,19 @@ static bool isReverseDnsName(const std::string& name) {
 }
 
 Bundle::Bundle(std::filesystem::path dir) : dir_(std::move(dir)) {
-  if (auto info = platform::PropertyList::load(dir_ / "Info.plist")) {
+  std::error_code ec;
+  if (!dir_.empty() && !std::filesystem::is_directory(dir_, ec)) {
+    support::warn("bundle folder " + dir_.string() +
+                  " does not exist; its token file and Info.plist are missing");
+  }
+  platform::PropertyList::LoadError error{};
+  auto info = platform::PropertyList::load(dir_ / "Info.plist", &error);
+  if (!info && error != platform::PropertyList::LoadError::missing) {
+    support::warn("Info.plist in " + dir_.string() +
+                  " cannot be read (not a regular property-list file of at most " +
+                  std::to_string(platform::PropertyList::kMaxFileBytes) + " bytes); ignored");
+  }
+  if (info) {
     identifier_ = info->string("CFBundleIdentifier").value_or("");
     if (!identifier_.empty() && !isReverseDnsName(identifier_)) {
       support::warn("Info.plist: CFBundleIdentifier \"" + identifier_ +

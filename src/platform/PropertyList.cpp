@@ -1,9 +1,6 @@
 #include "platform/PropertyList.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <plist/plist.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -11,6 +8,8 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+
+#include "platform/SafeFile.h"
 
 namespace velquin::platform {
 namespace {
@@ -80,20 +79,15 @@ plist_t makeNode(const PlistValue& value) {
 
 std::optional<PropertyList> PropertyList::load(const std::filesystem::path& file,
                                                LoadError* error) {
-  std::error_code ec;
-  if (!std::filesystem::exists(file, ec)) {
-    if (error) *error = LoadError::missing;
+  // Only a regular file, read without blocking and up to a limit: a FIFO, a
+  // device or a huge file in its place is unreadable, never a hang.
+  ReadProblem problem = ReadProblem::none;
+  auto bytes = readRegularFile(file, kMaxFileBytes, nullptr, &problem);
+  if (!bytes) {
+    if (error) *error = problem == ReadProblem::missing ? LoadError::missing : LoadError::unreadable;
     return std::nullopt;
   }
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream bytes;
-  if (!in || !(bytes << in.rdbuf())) {
-    // An empty file lands here too: the stream copies nothing.
-    if (in && std::filesystem::file_size(file, ec) == 0) return parse("", error);
-    if (error) *error = LoadError::unreadable;
-    return std::nullopt;
-  }
-  return parse(bytes.str(), error);
+  return parse(*bytes, error);
 }
 
 std::optional<PropertyList> PropertyList::parse(const std::string& bytes, LoadError* error) {
@@ -166,41 +160,7 @@ std::string PropertyList::toXml() const {
 }
 
 bool PropertyList::saveAtomically(const std::filesystem::path& file, std::string* error) const {
-  auto fail = [&](const std::string& what) {
-    if (error) *error = what + ": " + std::strerror(errno);
-    return false;
-  };
-  std::error_code ec;
-  if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), ec);
-  std::string text = toXml();
-  std::string tmp = file.string() + ".tmp." + std::to_string(getpid());
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return fail("cannot create " + tmp);
-  // A stale temporary file keeps its old mode through O_TRUNC; the rename
-  // would carry it over, so set the mode explicitly.
-  ::fchmod(fd, 0600);
-  const char* p = text.data();
-  size_t left = text.size();
-  while (left > 0) {
-    ssize_t n = ::write(fd, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      ::close(fd);
-      ::unlink(tmp.c_str());
-      return fail("cannot write " + tmp);
-    }
-    p += n;
-    left -= static_cast<size_t>(n);
-  }
-  if (::fsync(fd) != 0 || ::close(fd) != 0) {
-    ::unlink(tmp.c_str());
-    return fail("cannot sync " + tmp);
-  }
-  if (::rename(tmp.c_str(), file.c_str()) != 0) {
-    ::unlink(tmp.c_str());
-    return fail("cannot rename " + tmp);
-  }
-  return true;
+  return writePrivateFileAtomically(file, toXml(), error);
 }
 
 }  // namespace velquin::platform

@@ -5,6 +5,7 @@
 // Ownership and threads: a plain value; not synchronised.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -22,8 +23,12 @@ class PropertyList {
  public:
   enum class LoadError { missing, unreadable, malformed, notDictionary };
 
+  // The largest file load() reads.
+  static constexpr std::size_t kMaxFileBytes = 1 << 20;
+
   // Reads a dictionary file. Entries of other types (arrays, nested
-  // dictionaries, dates) are skipped: nothing here needs them.
+  // dictionaries, dates) are skipped: nothing here needs them. Anything but
+  // a regular file of at most kMaxFileBytes is unreadable.
   static std::optional<PropertyList> load(const std::filesystem::path& file,
                                           LoadError* error = nullptr);
   static std::optional<PropertyList> parse(const std::string& bytes, LoadError* error = nullptr);
@@ -38,8 +43,9 @@ class PropertyList {
   bool empty() const { return values_.empty(); }
 
   std::string toXml() const;
-  // Writes to a temporary file beside `file`, syncs it and renames it over
-  // `file`, so a reader never sees half a file. Creates the folder.
+  // Writes to a temporary file (0600) beside `file`, syncs it and renames it
+  // over `file`, so a reader never sees half a file. Creates missing folders
+  // 0700; refuses a symbolic link at `file`.
   bool saveAtomically(const std::filesystem::path& file, std::string* error = nullptr) const;
 
  private:

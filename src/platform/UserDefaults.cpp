@@ -1,7 +1,13 @@
 #include "platform/UserDefaults.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 
+#include "platform/SafeFile.h"
 #include "support/Console.h"
 #include "velquin/Bundle.h"
 
@@ -64,6 +70,34 @@ void UserDefaults::removeObjectForKey(const std::string& key) {
   support::MutexLock lock(mutex_);
   values_.remove(key);
   persistLocked();
+}
+
+std::string UserDefaults::stringForKeyOrCreate(
+    const std::string& key, const std::function<bool(const std::string&)>& accept,
+    const std::function<std::string()>& make) {
+  support::MutexLock lock(mutex_);
+  int lockFd = -1;
+  if (makePrivateDirectories(file_.parent_path())) {
+    lockFd = ::open((file_.string() + ".lock").c_str(),
+                    O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    while (lockFd >= 0 && ::flock(lockFd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+  }
+  // Another process may have decided since this one read the file.
+  auto onDisk = PropertyList::load(file_);
+  std::string value;
+  if (onDisk && onDisk->string(key) && accept(*onDisk->string(key))) {
+    value = *onDisk->string(key);
+  } else {
+    value = make();
+    PropertyList updated = onDisk ? std::move(*onDisk) : values_;
+    updated.set(key, value);
+    std::string error;
+    if (!updated.saveAtomically(file_, &error)) support::warn("user defaults not saved: " + error);
+  }
+  values_.set(key, value);
+  if (lockFd >= 0) ::close(lockFd);  // releases the lock
+  return value;
 }
 
 void UserDefaults::setValue(const std::string& key, PlistValue value) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -32,6 +33,12 @@ class UserDefaults {
   void setBool(const std::string& key, bool value);
   void setData(const std::string& key, const Bytes& value);
   void removeObjectForKey(const std::string& key);
+  // The text under `key`, decided once for all processes sharing the file:
+  // under a lock between them (flock on "<file>.lock"), the value on disk
+  // when it is text that `accept` takes, else `make()`, written to the file.
+  std::string stringForKeyOrCreate(const std::string& key,
+                                   const std::function<bool(const std::string&)>& accept,
+                                   const std::function<std::string()>& make);
 
   const std::filesystem::path& file() const { return file_; }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "analytics/OVDeviceInfoManager.h"
+#include "analytics/OVDeviceInfoManagerHelper.h"
 #include "backend/AppToken.h"
 #include "backend/GRPCserviceManager.h"
 #include "platform/Env.h"
@@ -12,6 +13,7 @@
 #include "purchases/OVReceiptRequest.h"
 #include "purchases/OVStoreKitWrapper.h"
 #include "purchases/OVUserDataManager.h"
+#include "support/Reachability.h"
 #include "purchases/SubscriberConversion.h"
 #include "support/OVCFunctionToolHelper.h"
 #include "support/OVUtils.h"
@@ -21,6 +23,19 @@
 
 namespace velquin {
 namespace {
+
+// Whether a VerifyReceipt got an answer from the backend. No answer: the
+// backend could not be reached, the connection broke, or the deadline
+// passed. A refusal of a call sent before configure() gave the app key is
+// no answer about the receipt either. Any other status is the backend's.
+bool answeredByBackend(const iap::Subscriber* reply, const std::optional<Error>& error,
+                       bool sentWithKey) {
+  if (!error) return reply != nullptr;
+  if (!sentWithKey) return false;
+  return !(error->domain == kGrpcErrorDomain &&
+           (error->code == grpc::StatusCode::UNAVAILABLE ||
+            error->code == grpc::StatusCode::DEADLINE_EXCEEDED));
+}
 
 bool isRestored(const SKPaymentTransaction& transaction) {
   return transaction.transactionState == SKPaymentTransactionState::restored;
@@ -59,7 +74,14 @@ void OVPurchaseImpl::attachStore() {
   storeKitWrapper_ = OVStoreKitWrapper::create(weak_from_this());
 }
 
-OVPurchaseImpl::~OVPurchaseImpl() = default;
+OVPurchaseImpl::~OVPurchaseImpl() {
+  std::optional<std::uint64_t> watch;
+  {
+    support::MutexLock lock(slotsMutex_);
+    watch = networkWatch_;
+  }
+  if (watch) NotificationCenter::defaultCenter().removeObserver(*watch);
+}
 
 // ---------------------------------------------------------------------------
 // Start-up
@@ -76,6 +98,9 @@ void OVPurchaseImpl::registerBigDataGetAccessToken() {
 
 void OVPurchaseImpl::configureSDK(const std::string& appKey) {
   networkManager_->setAppKey(appKey);
+  // Transactions whose verification went out without the key, or got no
+  // answer, are tried again now that the key is known.
+  verifyUnfinished();
   log("Geting initInfo data from server");
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
   networkManager_->init(
@@ -250,11 +275,18 @@ void OVPurchaseImpl::storeKitWrapperDidUpdateTransaction(
     support::MutexLock lock(slotsMutex_);
     ++restoreVerificationsPending_;
   }
+  verifyWithReceipt(std::move(receipt), transaction, transactions);
+}
+
+void OVPurchaseImpl::verifyWithReceipt(std::optional<ReceiptData> receipt,
+                                       const SKPaymentTransactionPtr& transaction,
+                                       const std::vector<SKPaymentTransactionPtr>& transactions) {
   if (receipt) {
     verify(*receipt, transaction, transactions);
     return;
   }
-  // No receipt file yet: ask the store for one, then verify or give up.
+  // No receipt file yet: ask the store for one, then verify or give up for
+  // now. The transaction stays unfinished: nothing the backend said ended it.
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
   receiptRequest_->refresh([weak, transaction, transactions](std::optional<ReceiptData> fresh,
                                                              std::optional<Error> error) {
@@ -269,20 +301,27 @@ void OVPurchaseImpl::storeKitWrapperDidUpdateTransaction(
         error.value_or(Error{kVelquinErrorDomain,
                              static_cast<std::int64_t>(PurchaseErrorCode::noReceipt),
                              "There is no store receipt to verify the purchase with."}));
-    self->finishUnlessPurchasing(transactions);
+    self->keepUnverified(transaction, transactions);
   });
 }
 
 void OVPurchaseImpl::verify(const ReceiptData& receipt, const SKPaymentTransactionPtr& transaction,
                             const std::vector<SKPaymentTransactionPtr>& transactions) {
   std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
+  const bool sentWithKey = !networkManager_->appKey().empty();
   networkManager_->verifyReceipt(
       receipt, userDataManager_->userId(), dataCache_->productInfoList(),
-      [weak, transaction, transactions, receipt](std::optional<iap::Subscriber> reply,
-                                                 std::optional<Error> error) {
+      [weak, transaction, transactions, receipt, sentWithKey](
+          std::optional<iap::Subscriber> reply, std::optional<Error> error) {
         if (auto self = weak.lock()) {
-          self->completeVerification(transaction, transactions, receipt, reply ? &*reply : nullptr,
-                                     error);
+          if (error && !sentWithKey && !self->networkManager_->appKey().empty()) {
+            // Refused while configure() was giving the key: ask again with it.
+            self->verify(receipt, transaction, transactions);
+            return;
+          }
+          const iap::Subscriber* answer = reply ? &*reply : nullptr;
+          self->completeVerification(transaction, transactions, receipt, answer, error,
+                                     answeredByBackend(answer, error, sentWithKey));
         }
       });
 }
@@ -291,7 +330,7 @@ void OVPurchaseImpl::completeVerification(const SKPaymentTransactionPtr& transac
                                           const std::vector<SKPaymentTransactionPtr>& transactions,
                                           const std::optional<ReceiptData>& receipt,
                                           const iap::Subscriber* reply,
-                                          const std::optional<Error>& error) {
+                                          const std::optional<Error>& error, bool answered) {
   const std::string& productId = transaction->payment.productIdentifier();
   log("Purchase completed:" + productId);
   OVSubscriber subscriber = subscriberFrom(reply);
@@ -322,7 +361,54 @@ void OVPurchaseImpl::completeVerification(const SKPaymentTransactionPtr& transac
   // Whoever asked for the receipt finishes the transactions itself.
   if (fetchReceipt) fetchReceipt(transaction, transactions, receipt, error);
   if (monitor) monitor(transaction, transactions, receipt, error);
-  if (!monitor && !fetchReceipt) finishUnlessPurchasing(transactions);
+  if (monitor || fetchReceipt) return;
+  if (answered) {
+    finishUnlessPurchasing(transactions);
+  } else {
+    // Finishing now would lose a paid purchase the backend never saw.
+    keepUnverified(transaction, transactions);
+  }
+}
+
+void OVPurchaseImpl::keepUnverified(const SKPaymentTransactionPtr& transaction,
+                                    const std::vector<SKPaymentTransactionPtr>& transactions) {
+  log("Verification got no answer; " + transaction->transactionIdentifier +
+      " stays unfinished and is verified again later");
+  {
+    support::MutexLock lock(slotsMutex_);
+    std::erase_if(unverified_, [&](const Unverified& kept) {
+      return kept.transaction->transactionIdentifier == transaction->transactionIdentifier;
+    });
+    unverified_.push_back({transaction, transactions});
+  }
+  watchNetwork();
+}
+
+void OVPurchaseImpl::verifyUnfinished() {
+  std::vector<Unverified> again;
+  {
+    support::MutexLock lock(slotsMutex_);
+    again.swap(unverified_);
+  }
+  for (const auto& kept : again) {
+    verifyWithReceipt(readAppStoreReceipt(), kept.transaction, kept.transactions);
+  }
+}
+
+void OVPurchaseImpl::watchNetwork() {
+  {
+    support::MutexLock lock(slotsMutex_);
+    if (networkWatch_) return;
+    std::weak_ptr<OVPurchaseImpl> weak = weak_from_this();
+    networkWatch_ = NotificationCenter::defaultCenter().addObserver(
+        kNetworkReachabilityChangedNotification, [weak](const Notification&) {
+          auto self = weak.lock();
+          if (self && OVDeviceInfoManager::shared().objcHelper().isReachable()) {
+            self->verifyUnfinished();
+          }
+        });
+  }
+  OVDeviceInfoManager::shared().objcHelper().reachability()->startNotifier();
 }
 
 void OVPurchaseImpl::reportVerificationError(

@@ -121,12 +121,24 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   // The store objects need the orchestrator's shared pointer.
   void attachStore();
 
+  // Verifies with `receipt`, or with a refreshed receipt when it is absent.
+  void verifyWithReceipt(std::optional<ReceiptData> receipt,
+                         const SKPaymentTransactionPtr& transaction,
+                         const std::vector<SKPaymentTransactionPtr>& transactions);
   void verify(const ReceiptData& receipt, const SKPaymentTransactionPtr& transaction,
               const std::vector<SKPaymentTransactionPtr>& transactions);
+  // Keeps a transaction whose verification got no answer from the backend
+  // unfinished, for verifyUnfinished(); starts watching the network.
+  void keepUnverified(const SKPaymentTransactionPtr& transaction,
+                      const std::vector<SKPaymentTransactionPtr>& transactions);
+  // Verifies again every kept transaction (after configure() and when the
+  // network comes back).
+  void verifyUnfinished();
+  void watchNetwork();
   void completeVerification(const SKPaymentTransactionPtr& transaction,
                             const std::vector<SKPaymentTransactionPtr>& transactions,
                             const std::optional<ReceiptData>& receipt, const iap::Subscriber* reply,
-                            const std::optional<Error>& error);
+                            const std::optional<Error>& error, bool answered);
   void reportVerificationError(const SKPaymentTransactionPtr& transaction,
                                const std::vector<SKPaymentTransactionPtr>& transactions,
                                const Error& error);
@@ -161,6 +173,15 @@ class OVPurchaseImpl final : public StoreKitWrapperDelegate,
   // there are any, the end of a restore leaves the answer to them.
   int restoreVerificationsPending_ GUARDED_BY(slotsMutex_) = 0;
   std::weak_ptr<OVPromotingObserverProtocol> promotingObserver_ GUARDED_BY(slotsMutex_);
+  // Bought or restored transactions left unfinished because their
+  // verification got no answer from the backend, each with its batch.
+  struct Unverified {
+    SKPaymentTransactionPtr transaction;
+    std::vector<SKPaymentTransactionPtr> transactions;
+  };
+  std::vector<Unverified> unverified_ GUARDED_BY(slotsMutex_);
+  // The observer of network changes, once one is registered.
+  std::optional<std::uint64_t> networkWatch_ GUARDED_BY(slotsMutex_);
   std::shared_ptr<PagePresenter> pagePresenter_ GUARDED_BY(slotsMutex_);
 };
 

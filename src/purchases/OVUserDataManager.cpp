@@ -52,8 +52,9 @@ void OVUserDataManager::resolveUserId(const std::optional<std::string>& wanted) 
     userId_ = *requested;
     return;
   }
-  userId_ = newUuid();
-  defaults_.setString(kUserIdKey, userId_);
+  // First start: processes starting together on a fresh folder agree on
+  // one id (decided under the defaults file's lock).
+  userId_ = defaults_.stringForKeyOrCreate(kUserIdKey, usableUserId, newUuid);
   log("set new user id: " + userId_);
 }
 

@@ -9,6 +9,8 @@
 #include <deque>
 #include <map>
 
+#include <unistd.h>
+
 #include "support/Mutex.h"
 #include "store/Receipt.h"
 #include "store/StoreConfiguration.h"
@@ -327,25 +329,13 @@ struct LocalStore::Impl {
     }
   }
 
-  // On the main queue: records a bought transaction, rewrites the receipt and
-  // reports the purchase.
-  void completePurchase(LocalStore& store, const SKPaymentTransaction& transaction,
-                        const SKProduct& product, const std::string& bundleId) {
-    auto purchased = withState(transaction, SKPaymentTransactionState::purchased);
-    StoredTransaction stored{.transactionId = purchased->transactionIdentifier,
-                             .originalTransactionId = purchased->transactionIdentifier,
-                             .productId = product.productIdentifier,
-                             .productType = product.productType,
-                             .quantity = purchased->payment.quantity(),
-                             .purchaseDateMs = toMs(*purchased->transactionDate),
-                             .expiresDateMs = std::nullopt,
-                             .subscriptionGroup = product.subscriptionGroupIdentifier,
-                             .offerId = std::nullopt,
-                             .appAccountToken = purchased->payment.applicationUsername(),
-                             .finished = false};
-    if (const auto& discount = purchased->payment.paymentDiscount()) {
-      stored.offerId = discount->identifier;
-    }
+  // Adds a bought transaction to the history and rewrites the receipt.
+  // Other processes sharing the folder change the history too: it is read,
+  // changed and written (with the receipt made from it) under the lock.
+  // The problem when it could not be recorded.
+  std::optional<std::string> recordPurchase(StoredTransaction& stored, const SKProduct& product,
+                                            const std::string& bundleId) {
+    store::HistoryLock lock(historyFile);
     auto history = store::loadHistory(historyFile);
     if (product.productType == SKProductType::autoRenewable) {
       stored.expiresDateMs = store::addPeriods(stored.purchaseDateMs, *product.subscriptionPeriod);
@@ -362,14 +352,38 @@ struct LocalStore::Impl {
     }
     history.push_back(stored);
     std::string problem;
-    if (!store::saveHistory(historyFile, history, &problem)) {
-      support::warn("[local store] " + problem);
-      fail(store, transaction,
-           makeSKError(SKErrorCode::unknown, "The purchase could not be recorded: " + problem));
-      return;
-    }
+    if (!store::saveHistory(historyFile, history, &problem)) return problem;
     Error receiptProblem;
     writeReceipt(bundleId, history, &receiptProblem);
+    return std::nullopt;
+  }
+
+  // On the main queue: records a bought transaction, rewrites the receipt and
+  // reports the purchase.
+  void completePurchase(LocalStore& store, const SKPaymentTransaction& transaction,
+                        const SKProduct& product, const std::string& bundleId) {
+    auto purchased = withState(transaction, SKPaymentTransactionState::purchased);
+    StoredTransaction stored{.transactionId = purchased->transactionIdentifier,
+                             .originalTransactionId = purchased->transactionIdentifier,
+                             .productId = product.productIdentifier,
+                             .productType = product.productType,
+                             .quantity = purchased->payment.quantity(),
+                             .purchaseDateMs = toMs(*purchased->transactionDate),
+                             .expiresDateMs = std::nullopt,
+                             .subscriptionGroup = product.subscriptionGroupIdentifier,
+                             .offerId = std::nullopt,
+                             .appAccountToken = purchased->payment.applicationUsername(),
+                             .finished = false,
+                             .ownerPid = ::getpid()};
+    if (const auto& discount = purchased->payment.paymentDiscount()) {
+      stored.offerId = discount->identifier;
+    }
+    if (auto problem = recordPurchase(stored, product, bundleId)) {
+      support::warn("[local store] " + *problem);
+      fail(store, transaction,
+           makeSKError(SKErrorCode::unknown, "The purchase could not be recorded: " + *problem));
+      return;
+    }
     deliver(store, {purchased});
   }
 
@@ -405,7 +419,13 @@ struct LocalStore::Impl {
       }
       return;
     }
-    auto history = store::loadHistory(historyFile);
+    std::vector<StoredTransaction> history;
+    {
+      store::HistoryLock lock(historyFile);
+      history = store::loadHistory(historyFile);
+      Error receiptProblem;
+      writeReceipt(bundleId, history, &receiptProblem);
+    }
     std::vector<SKPaymentTransactionPtr> restored;
     std::vector<std::string> seenNonConsumables;
     for (const auto& stored : history) {
@@ -425,8 +445,6 @@ struct LocalStore::Impl {
       transaction->originalTransaction = original;
       restored.push_back(std::move(transaction));
     }
-    Error receiptProblem;
-    writeReceipt(bundleId, history, &receiptProblem);
     if (!restored.empty()) deliver(store, restored);
     for (const auto& observer : liveObservers()) {
       observer->restoreCompletedTransactionsFinished(store);
@@ -487,6 +505,7 @@ struct LocalStore::Impl {
 
   // On the main queue: marks a bought transaction finished on disk.
   void recordFinished(const std::string& transactionId) {
+    store::HistoryLock lock(historyFile);
     auto history = store::loadHistory(historyFile);
     bool changed = false;
     for (auto& stored : history) {
@@ -533,9 +552,18 @@ std::shared_ptr<LocalStore> LocalStore::createDefault() {
 
 LocalStore::LocalStore(Options options) : impl_(std::make_shared<Impl>(std::move(options))) {
   // Bought transactions that were never finished come back, as on the
-  // platform after a restart.
-  for (const auto& stored : store::loadHistory(impl_->historyFile)) {
-    if (!stored.finished) impl_->pending.push_back(purchasedFromHistory(stored));
+  // platform after a restart: this process's, and those of processes that
+  // ended before finishing them (not those another running process of the
+  // app is still verifying).
+  std::vector<StoredTransaction> history;
+  {
+    store::HistoryLock lock(impl_->historyFile);
+    history = store::loadHistory(impl_->historyFile);
+  }
+  for (const auto& stored : history) {
+    if (!stored.finished && store::belongsToThisProcess(stored)) {
+      impl_->pending.push_back(purchasedFromHistory(stored));
+    }
   }
 }
 
@@ -576,6 +604,7 @@ void LocalStore::refreshReceipt(DoneHandler done) {
       done(error);
       return;
     }
+    store::HistoryLock lock(store.impl_->historyFile);
     auto history = store::loadHistory(store.impl_->historyFile);
     auto payload = store::receiptPayload(config->bundleIdentifier, history, toMs(Clock::now()));
     if (!store.impl_->signer.writeReceipt(store.impl_->receiptPath, payload, &error)) {

@@ -83,6 +83,9 @@ class Fields {
   std::string path_;
 };
 
+// Digits a double keeps exactly (DBL_DIG).
+constexpr std::size_t kMaxPriceDigits = 15;
+
 SKDecimalNumber readPrice(const json& value, const std::string& where) {
   std::optional<SKDecimalNumber> price;
   if (value.is_number_integer()) {
@@ -98,6 +101,20 @@ SKDecimalNumber readPrice(const json& value, const std::string& where) {
     wrongType(where, "a number or decimal text", value);
   }
   if (price->doubleValue() < 0) throw Problem{where, "must not be negative"};
+  // Prices travel as doubles: more significant digits than a double holds
+  // would arrive as another price (or as 0 once out of range).
+  const std::string& text = price->stringValue();
+  const auto point = text.find('.');
+  std::string whole = text.substr(text[0] == '-' ? 1 : 0, point == std::string::npos
+                                                                ? std::string::npos
+                                                                : point - (text[0] == '-' ? 1 : 0));
+  std::string fraction = point == std::string::npos ? std::string() : text.substr(point + 1);
+  whole.erase(0, std::min(whole.find_first_not_of('0'), whole.size()));
+  fraction.erase(fraction.find_last_not_of('0') + 1);
+  if (whole.size() + fraction.size() > kMaxPriceDigits) {
+    throw Problem{where, "has more than " + std::to_string(kMaxPriceDigits) +
+                             " significant digits, more than a price can hold"};
+  }
   return *price;
 }
 

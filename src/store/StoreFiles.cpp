@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/SafeFile.h"
+
 namespace velquin::store {
 namespace {
 
@@ -21,8 +23,10 @@ std::string describe(const std::string& what, const std::filesystem::path& file,
 std::optional<std::filesystem::path> writeTemporary(const std::filesystem::path& file,
                                                     std::string_view bytes, mode_t mode,
                                                     std::string* error) {
-  std::error_code ec;
-  if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), ec);
+  if (file.has_parent_path() && !platform::makePrivateDirectories(file.parent_path(), error)) {
+    return std::nullopt;
+  }
+  if (!platform::refuseSymlink(file, error)) return std::nullopt;
   std::filesystem::path tmp = file.string() + ".tmp-XXXXXX";
   std::string pattern = tmp.string();
   int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
@@ -72,18 +76,7 @@ void syncDirectory(const std::filesystem::path& file) {
 }  // namespace
 
 std::optional<std::string> readFile(const std::filesystem::path& file, std::string* error) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) {
-    if (error) *error = describe("cannot open", file, errno ? errno : ENOENT);
-    return std::nullopt;
-  }
-  std::ostringstream content;
-  content << in.rdbuf();
-  if (in.bad()) {
-    if (error) *error = describe("cannot read", file, errno ? errno : EIO);
-    return std::nullopt;
-  }
-  return content.str();
+  return platform::readRegularFile(file, kMaxFileBytes, error);
 }
 
 bool writeFileAtomically(const std::filesystem::path& file, std::string_view bytes, mode_t mode,

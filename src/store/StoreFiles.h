@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -11,11 +12,16 @@
 
 namespace velquin::store {
 
-// The whole file; absent with *error set when it is missing or unreadable.
+// The largest file the store reads.
+inline constexpr std::size_t kMaxFileBytes = 8 << 20;
+
+// The whole file; absent with *error set when it is missing, unreadable,
+// not a regular file (read without blocking) or larger than kMaxFileBytes.
 std::optional<std::string> readFile(const std::filesystem::path& file, std::string* error);
 
 // Writes a temporary file beside `file`, syncs it and renames it over `file`,
-// so a reader sees either the old or the new content. Creates the folder.
+// so a reader sees either the old or the new content. Creates missing
+// folders 0700; refuses a symbolic link at `file`.
 bool writeFileAtomically(const std::filesystem::path& file, std::string_view bytes, mode_t mode,
                          std::string* error);
 

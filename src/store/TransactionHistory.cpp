@@ -1,7 +1,15 @@
 #include "store/TransactionHistory.h"
 
-#include <chrono>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "platform/SafeFile.h"
 #include "store/StoreConfiguration.h"
 #include "store/StoreFiles.h"
 #include "support/Console.h"
@@ -14,6 +22,7 @@ using nlohmann::json;
 json toJson(const StoredTransaction& t) {
   json entry = receiptEntry(t);
   entry["finished"] = t.finished;
+  if (t.ownerPid != 0) entry["owner_pid"] = t.ownerPid;
   if (!t.subscriptionGroup.empty()) entry["subscription_group"] = t.subscriptionGroup;
   return entry;
 }
@@ -36,10 +45,43 @@ StoredTransaction fromJson(const json& entry) {
     t.appAccountToken = entry["app_account_token"].get<std::string>();
   }
   t.finished = entry.value("finished", false);
+  t.ownerPid = entry.value("owner_pid", std::int64_t{0});
   return t;
 }
 
 }  // namespace
+
+HistoryLock::HistoryLock(const std::filesystem::path& historyFile) {
+  std::string problem;
+  if (historyFile.has_parent_path() &&
+      !platform::makePrivateDirectories(historyFile.parent_path(), &problem)) {
+    support::warn("[local store] " + problem);
+    return;
+  }
+  const auto lockFile = historyFile.string() + ".lock";
+  fd_ = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd_ < 0) {
+    support::warn("[local store] cannot open the lock file " + lockFile + ": " +
+                  std::strerror(errno) + "; the history is changed without it");
+    return;
+  }
+  while (::flock(fd_, LOCK_EX) != 0) {
+    if (errno == EINTR) continue;
+    ::close(fd_);
+    fd_ = -1;
+    return;
+  }
+}
+
+HistoryLock::~HistoryLock() {
+  if (fd_ >= 0) ::close(fd_);  // releases the lock
+}
+
+bool belongsToThisProcess(const StoredTransaction& transaction) {
+  const auto pid = transaction.ownerPid;
+  if (pid <= 0 || pid == ::getpid()) return true;
+  return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+}
 
 std::vector<StoredTransaction> loadHistory(const std::filesystem::path& file) {
   std::error_code ec;

@@ -149,6 +149,14 @@ TEST_F(PurchaseCli, EachCommandIsAFreshProcessOverTheSameStore) {
 
   auto cancelled = run(config + "purchase " + kYearly + " --outcome cancel", 1);
   EXPECT_EQ(cancelled["error"]["code"], 2) << cancelled.dump();
+
+  // Bad words get a usage error, never a library's exception text.
+  for (const char* bad : {"configure --wait -1", "configure --wait nan", "configure --wait inf",
+                          "promote x --status abc", "promote x --status 7"}) {
+    auto refused = run(bad, 1);
+    EXPECT_EQ(refused["error"]["code"], 2) << bad << ": " << refused.dump();
+    EXPECT_EQ(refused.dump().find("bad argument"), std::string::npos) << refused.dump();
+  }
 }
 
 }  // namespace

@@ -343,6 +343,19 @@ TEST_F(NotificationFlowTest, FacadeStartsHandlingOnceAndAnswersTheMessageCheck) 
   EXPECT_EQ(Velquin::shared().userNotificationCenter()->delegate(),
             OVNotificationUtil::sharedPointer());
 
+  // A centre the host installs after handling started gets the delegate too.
+  struct HostCentre final : UserNotificationCenter {
+    void setDelegate(std::shared_ptr<UserNotificationCenterDelegate> d) override { held = d; }
+    std::shared_ptr<UserNotificationCenterDelegate> delegate() const override { return held; }
+    void deliver(const UserNotification&, bool) override {}
+    std::shared_ptr<UserNotificationCenterDelegate> held;
+  };
+  auto original = Velquin::shared().userNotificationCenter();
+  auto hostCentre = std::make_shared<HostCentre>();
+  Velquin::shared().setUserNotificationCenter(hostCentre);
+  EXPECT_EQ(hostCentre->delegate(), OVNotificationUtil::sharedPointer());
+  Velquin::shared().setUserNotificationCenter(original);
+
   Velquin::shared().setFromBackgroudPointToDelayTime(2.5);
   EXPECT_DOUBLE_EQ(util.delayTime, 2.5);
 

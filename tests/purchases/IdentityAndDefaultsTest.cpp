@@ -5,6 +5,9 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
+
+#include <nlohmann/json.hpp>
 
 #include "analytics/OVDeviceInfoManager.h"
 #include "purchases/OVUserDataManager.h"
@@ -12,6 +15,7 @@
 #include "platform/Keychain.h"
 #include "platform/UserDefaults.h"
 #include "purchases/OVDataCache.h"
+#include "support/ChildProcess.h"
 #include "support/FakeEnv.h"
 #include "support/TempEnvironment.h"
 #include "velquin/NotificationCenter.h"
@@ -167,6 +171,27 @@ TEST(WelcomePageStore, StoresAndAnnouncesOnlyNewText) {
   ASSERT_TRUE(stored);
   EXPECT_TRUE(stored->empty());
   velquin::NotificationCenter::defaultCenter().removeObserver(token);
+}
+
+TEST(FirstStart, ProcessesStartingTogetherOnAFreshFolderAgreeOnOneUserId) {
+  velquin::testing::TempEnvironment env;
+  env.writeTokenFile({{"api_address", "127.0.0.1:1"}, {"access_token", "k"}, {"app_id", "a"}});
+  std::vector<std::unique_ptr<velquin::testing::ChildProcess>> hosts;
+  for (int i = 0; i < 8; ++i) {
+    hosts.push_back(std::make_unique<velquin::testing::ChildProcess>(
+        (velquin::testing::binDir() / "velquin").string(),
+        std::vector<std::string>{"--bundle", env.bundleDir().string(), "user-id"}));
+  }
+  std::set<std::string> ids;
+  for (auto& host : hosts) {
+    const std::string output = host->read(std::chrono::seconds(60));
+    EXPECT_EQ(host->wait(std::chrono::seconds(60)).exitCode, 0) << output;
+    auto result = nlohmann::json::parse(output, nullptr, false);
+    ASSERT_TRUE(result.is_object()) << output;
+    ids.insert(result.value("userId", ""));
+  }
+  EXPECT_EQ(ids.size(), 1u);
+  EXPECT_FALSE(ids.begin()->empty());
 }
 
 }  // namespace

@@ -63,6 +63,9 @@ TEST(StoreConfiguration, ShippedExampleIsValid) {
 }
 
 TEST(StoreConfiguration, NamesTheOffendingValue) {
+  // A 309-digit price would turn into another number on its way to a double.
+  const std::string longPrice = R"({"products": [{"type": "consumable", "id": "a", "price": "1)" +
+                                std::string(308, '0') + R"("}]})";
   const std::pair<const char*, const char*> cases[] = {
       {"[]", "(top level): expected an object, found an array"},
       {"{}", "products: missing"},
@@ -70,6 +73,9 @@ TEST(StoreConfiguration, NamesTheOffendingValue) {
       {R"({"products": [{"type": "consumable", "price": 1}]})", "products[0].id: missing"},
       {R"({"products": [{"type": "consumable", "id": "a", "price": "1,5"}]})", "not a decimal"},
       {R"({"products": [{"type": "consumable", "id": "a", "price": -1}]})", "must not be negative"},
+      {longPrice.c_str(), "more than 15 significant digits"},
+      {R"({"products": [{"type": "consumable", "id": "a", "price": 0.12345678901234567}]})",
+       "more than 15 significant digits"},
       {R"({"products": [{"type": "auto-renewable", "id": "a", "price": 1}]})",
        "products[0].subscription_period: missing"},
       {R"({"products": [{"type": "consumable", "id": "a", "price": 1, "group": "g"}]})",

@@ -352,8 +352,9 @@ Outcome promote(const Context& context, const std::vector<std::string>& words) {
   if (args.problem()) return failure(*args.problem());
   if (args.positional().size() != 1) return failure("usage: promote ID [--status 0|1|2]");
   const std::string& id = args.positional()[0];
-  auto status = promotingStatusFromRaw(std::stoi(args.option("--status").value_or("0")));
-  if (!status) return failure("--status must be 0, 1 or 2");
+  auto raw = parseInteger(args.option("--status").value_or("0"), 0, 2);
+  auto status = raw ? promotingStatusFromRaw(static_cast<int>(*raw)) : std::nullopt;
+  if (!status) return failure("--status must be 0, 1 or 2", 2);
   auto store = localStore();
   if (!store) return failure("promote needs the local store");
   auto [found, problem] = fetchProducts({id}, context);

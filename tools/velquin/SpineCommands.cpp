@@ -32,15 +32,15 @@ Velquin::AttributionCompletion attributionInto(Pending<Reply>& pending) {
 Outcome configure(const Context&, const std::vector<std::string>& words) {
   Arguments args(words, {"--wait"});
   if (args.problem()) return failure(*args.problem());
-  double waitSeconds = std::stod(args.option("--wait").value_or("10"));
+  std::chrono::milliseconds wait{};
+  if (auto problem = waitOption(args, 10, wait)) return failure(*problem, 2);
 
   auto& sdk = Velquin::shared();
   Pending<bool> handled;
   auto token = NotificationCenter::defaultCenter().addObserver(
       OVPurchase::kAppConfigHandledNotification, [&](const Notification&) { handled.set(true); });
   sdk.configure();
-  bool done = handled.wait(std::chrono::milliseconds(static_cast<long long>(waitSeconds * 1000)))
-                  .has_value();
+  bool done = handled.wait(wait).has_value();
   NotificationCenter::defaultCenter().removeObserver(token);
 
   auto& purchases = sdk.purchases();

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 
 #include "Cli.h"
@@ -59,6 +60,27 @@ bool sdkStarted = false;
   // synchronously, the cache was checkpointed above), so leave without
   // running static destructors under them.
   _exit(status);
+}
+
+// Start-up without a usable token file sends to the built-in gateway with an
+// empty key: say so before anything is sent.
+void reportTokenFileProblem() {
+  namespace fs = std::filesystem;
+  const fs::path file = velquin::Bundle::main().path() / "velquin-app-token.plist";
+  std::error_code ec;
+  const auto status = fs::status(file, ec);
+  std::string problem;
+  if (!fs::exists(status)) {
+    problem = "there is no token file " + file.string();
+  } else if (!fs::is_regular_file(status)) {
+    problem = "the token file " + file.string() + " is not a regular file";
+  } else if (::access(file.c_str(), R_OK) != 0) {
+    problem = "the token file " + file.string() + " cannot be read";
+  }
+  if (!problem.empty()) {
+    std::fprintf(stderr, "velquin: %s; start-up uses the built-in gateway and no app key\n",
+                 problem.c_str());
+  }
 }
 
 }  // namespace
@@ -121,6 +143,7 @@ int main(int argc, char** argv) {
     auto& sdk = velquin::Velquin::shared();
     sdkStarted = true;
     sdk.setAnalyticsLogs(!log);  // the delivery switch is stored inverted
+    if (command.needsConfigure || command.name == "configure") reportTokenFileProblem();
     if (command.needsConfigure) sdk.configure();
     velquin::cli::Outcome outcome;
     try {

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include <SQLiteCpp/SQLiteCpp.h>
+
 #include "SandboxFixture.h"
 #include "support/ChildProcess.h"
 
@@ -149,6 +151,42 @@ TEST_F(CrashRoad, AReportIsSentByTheFirstStartAfterTheCrashOnly) {
   EXPECT_NE(reports[0].value.find("signalTest"), std::string::npos) << reports[0].value;
 }
 
+TEST_F(CrashRoad, TwoStartsAtOnceAfterOneCrashSendItOnce) {
+  ASSERT_EQ(host({"crash", "--signal", "SEGV"}).signal, SIGSEGV);
+  const std::vector<std::string> start{"--bundle", env.bundleDir().string(), "flush", "--wait",
+                                       "60"};
+  ChildProcess a((binDir() / "velquin").string(), start);
+  ChildProcess b((binDir() / "velquin").string(), start);
+  a.read(std::chrono::seconds(120));
+  b.read(std::chrono::seconds(120));
+  EXPECT_EQ(a.wait(std::chrono::seconds(120)).exitCode, 0);
+  EXPECT_EQ(b.wait(std::chrono::seconds(120)).exitCode, 0);
+  nextStart();  // takes whatever the two left cached
+  EXPECT_EQ(eventsNamed("fatal_crash").size(), 1u);
+  EXPECT_EQ(filesInReportFolder(), 0u);
+}
+
+TEST_F(CrashRoad, AnExceptionWhileAnotherProcessHoldsTheWriteLockStillArrivesOnce) {
+  nextStart();  // the event cache exists
+  const auto database = env.root() / "data" / env.bundleId() / "ZKFMDB.sqlite";
+  ASSERT_TRUE(std::filesystem::exists(database));
+  {
+    SQLite::Database holder(database.string(), SQLite::OPEN_READWRITE);
+    holder.exec("BEGIN EXCLUSIVE");
+    HostRun crashed = host({"crash", "--exception"});
+    ASSERT_EQ(crashed.signal, SIGABRT) << crashed.output;
+    holder.exec("COMMIT");
+  }
+  nextStart();
+  nextStart();
+  // The record could not be stored, so the engine's report of the abort
+  // stands in for it: one report of the crash, not none.
+  auto reports = eventsNamed("fatal_crash");
+  ASSERT_EQ(reports.size(), 1u) << "falal_crash: " << eventsNamed("falal_crash").size();
+  EXPECT_NE(reports[0].value.find("SIGABRT"), std::string::npos) << reports[0].value;
+  EXPECT_TRUE(eventsNamed("falal_crash").empty());
+}
+
 TEST_F(CrashRoad, ACorruptPendingReportIsPrintedPurgedAndNeverSent) {
   ASSERT_EQ(host({"crash", "--signal", "SEGV"}).signal, SIGSEGV);
   ASSERT_GE(filesInReportFolder(), 1u);
@@ -157,7 +195,8 @@ TEST_F(CrashRoad, ACorruptPendingReportIsPrintedPurgedAndNeverSent) {
     if (entry.is_regular_file()) std::ofstream(entry.path(), std::ios::trunc) << "not a report";
   }
 
-  HostRun first = nextStart();
+  // The reporter's lines are SDK log lines: printed with the logs on.
+  HostRun first = host({"--log", "flush", "--wait", "60"});
   EXPECT_NE(first.output.find("CrashReporter failed to load and parse with error: "),
             std::string::npos)
       << first.output;

@@ -10,8 +10,13 @@
 // (that earlier handler aborts, entering the engine's handler again), suppress (the suppression
 // hook, then abort), readonly (the folder turns read-only before the crash), two-threads (two
 // threads fault at the same moment), plugin LIBRARY (the crash happens in a library loaded after
-// enable).
+// enable), damaged-modules (a wild write has left the loader's last module name pointing at
+// unmapped memory before the crash), unwritable (the folder is read-only before enable, which
+// fails with exit status 5), first-recovers (with the host's handler called first, that
+// SA_SIGINFO handler moves the thread on: the victim exits 0), first-gives-up MARKER (called
+// first, it writes MARKER and returns unchanged: the fault comes back and is reported).
 #include <dlfcn.h>
+#include <link.h>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <signal.h>
@@ -20,6 +25,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -139,6 +145,43 @@ void abortInsideHandler(int) {
   std::abort();
 }
 
+// Where a recovering runtime resumes a thread whose fault it handled: the
+// host goes on with its normal work and ends well.
+[[noreturn]] __attribute__((noinline)) void resumeAfterHandledFault() {
+  const char said[] = "crash_victim: recovered\n";
+  if (write(STDERR_FILENO, said, sizeof said - 1) < 0) _exit(3);
+  _exit(0);
+}
+
+// A managed runtime's handler: turns the fault into its own work by moving
+// the thread to resumeAfterHandledFault, on an aligned stack.
+void recoverByMovingTheThread(int, siginfo_t*, void* context) {
+  auto* uc = static_cast<ucontext_t*>(context);
+#if defined(__x86_64__)
+  uc->uc_mcontext.gregs[REG_RSP] = (uc->uc_mcontext.gregs[REG_RSP] & ~greg_t{15}) - 8;
+  uc->uc_mcontext.gregs[REG_RIP] = reinterpret_cast<greg_t>(&resumeAfterHandledFault);
+#elif defined(__aarch64__)
+  uc->uc_mcontext.sp &= ~std::uint64_t{15};
+  uc->uc_mcontext.pc = reinterpret_cast<std::uint64_t>(&resumeAfterHandledFault);
+#else
+  (void)uc;
+#endif
+}
+
+// A handler with SA_SIGINFO that looks at the fault and gives up: it
+// returns with the context as it was.
+void lookAndReturn(int signal, siginfo_t*, void*) {
+  writeMarker(signal);
+}
+
+void installEarlierInfoHandler(void (*handler)(int, siginfo_t*, void*)) {
+  struct sigaction action = {};
+  action.sa_sigaction = handler;
+  action.sa_flags = SA_SIGINFO;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGSEGV, &action, nullptr);
+}
+
 void installEarlierHandler(void (*handler)(int)) {
   struct sigaction action = {};
   action.sa_handler = handler;
@@ -180,6 +223,17 @@ int main(int argc, char** argv) {
     installEarlierHandler(writeMarker);
   } else if (way == "chain-crash") {
     installEarlierHandler(abortInsideHandler);
+  } else if (way == "first-recovers") {
+    installEarlierInfoHandler(recoverByMovingTheThread);
+  } else if (way == "first-gives-up" && argument != nullptr) {
+    gMarkerPath = argument;
+    installEarlierInfoHandler(lookAndReturn);
+  }
+
+  if (way == "unwritable") {  // the folder is read-only before enable: enable says so
+    mkdir(folder.c_str(), 0700);
+    if (chmod(folder.c_str(), 0555) != 0) return 7;
+    dropPermissionOverride();
   }
 
   auto config = velquin::crash::CrashEngineConfig::make(0, 2);
@@ -187,6 +241,7 @@ int main(int argc, char** argv) {
   config->reportDirectory = folder;
   config->applicationId = "com.example.crashvictim";
   config->applicationVersion = "7.1";
+  config->chainHostHandlerFirst = way == "first-recovers" || way == "first-gives-up";
   auto engine = velquin::crash::createCrashEngine(*config);
   velquin::crash::EngineError error;
   if (!engine || !engine->enable(&error)) {
@@ -206,8 +261,19 @@ int main(int argc, char** argv) {
     dropPermissionOverride();
   }
 
+  if (way == "damaged-modules") {
+    // Found through dlinfo, not _r_debug: a reference to _r_debug from this
+    // program would give it a copy of its own that the loader keeps stale.
+    link_map* last = nullptr;
+    if (dlinfo(dlopen(nullptr, RTLD_NOW), RTLD_DI_LINKMAP, &last) != 0) return 8;
+    while (last != nullptr && last->l_next != nullptr) last = last->l_next;
+    if (last == nullptr) return 8;
+    last->l_name = reinterpret_cast<char*>(1);  // never mapped
+  }
+
   clock_gettime(CLOCK_MONOTONIC, &gCrashStarted);
-  if (way == "segv" || way == "chain" || way == "chain-crash" || way == "readonly")
+  if (way == "segv" || way == "damaged-modules" || way == "first-recovers" ||
+      way == "first-gives-up" || way == "chain" || way == "chain-crash" || way == "readonly")
     writeThroughBadPointer();
   if (way == "bus") readPastTruncatedFile();
   if (way == "ill") executeUndefinedInstruction();

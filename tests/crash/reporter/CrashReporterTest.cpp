@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "crash/CrashReporter.h"
+#include "support/OVUtils.h"
 #include "support/TempEnvironment.h"
 
 namespace velquin::testing {
@@ -74,6 +75,7 @@ class ScriptedEngine final : public CrashEngine {
   }
   bool purgePendingCrashReport() override {
     script_.calls.push_back("purge");
+    script_.pending = false;
     return true;
   }
 
@@ -91,7 +93,11 @@ struct Delivery {
 
 class CrashReporterTest : public ::testing::Test {
  protected:
-  void SetUp() override { env.installAsMainBundle(); }
+  void SetUp() override {
+    env.installAsMainBundle();
+    OVUtils::enableLogs(true);
+  }
+  void TearDown() override { OVUtils::enableLogs(false); }
 
   Delivery start(bool engineMade = true) {
     CrashReporter reporter(
@@ -125,7 +131,8 @@ TEST_F(CrashReporterTest, DeliversAFormattedReportOnceThenPurgesIt) {
   EXPECT_EQ(delivery.text, script.text);
   EXPECT_FALSE(delivery.error);
   EXPECT_EQ(delivery.printed, "");
-  EXPECT_EQ(script.calls, (Calls{"enable", "pending", "load", "parse", "format", "purge"}));
+  EXPECT_EQ(script.calls,
+            (Calls{"enable", "pending", "load", "parse", "format", "purge", "pending"}));
   EXPECT_EQ(delivery.callsAtCompletion, 5u) << "purged only after the completion ran";
 
   // The engine is made for this application: POSIX signals, strategy 2, its
@@ -156,7 +163,14 @@ TEST_F(CrashReporterTest, AFailedEnableIsPrintedAndTheEarlierReportStillDelivere
   EXPECT_EQ(delivery.printed, "error: crashReporter\n");
   EXPECT_EQ(delivery.completions, 1);
   EXPECT_EQ(delivery.text, script.text);
-  EXPECT_EQ(script.calls.back(), "purge");
+  EXPECT_EQ(script.calls.back(), "pending");
+
+  // With the logs off the reporter prints nothing on standard output.
+  OVUtils::enableLogs(false);
+  script = Script{};
+  script.enables = false;
+  script.parses = false;
+  EXPECT_EQ(start().printed, "");
 }
 
 TEST_F(CrashReporterTest, AnEmptyFormattingLeavesTheReportForTheNextStart) {
@@ -176,9 +190,9 @@ TEST_F(CrashReporterTest, AnUnreadableOrUnparsableReportIsReportedPrintedAndPurg
   };
   for (const Case& c :
        {Case{false, CrashReporter::kLoadFailed, "the pending report could not be read",
-             Calls{"enable", "pending", "load", "purge"}},
+             Calls{"enable", "pending", "load", "purge", "pending"}},
         Case{true, CrashReporter::kParseFailed, "truncated report",
-             Calls{"enable", "pending", "load", "parse", "purge"}}}) {
+             Calls{"enable", "pending", "load", "parse", "purge", "pending"}}}) {
     SCOPED_TRACE(c.description);
     script = Script{};
     script.loads = c.loads;

@@ -30,8 +30,10 @@ namespace {
 // forks its child.
 std::filesystem::path recordFile;
 
-void writeRecord(const std::string& record) noexcept {
-  std::ofstream(recordFile, std::ios::binary) << record;
+bool writeRecord(const std::string& record) noexcept {
+  std::ofstream out(recordFile, std::ios::binary);
+  out << record;
+  return static_cast<bool>(out.flush());
 }
 
 // Throws on a thread with nothing above it that catches: terminate runs with
