@@ -1,5 +1,6 @@
 #include "purchases/OVPurchaseImpl.h"
 
+#include <atomic>
 #include <filesystem>
 #include <utility>
 
@@ -87,9 +88,15 @@ OVPurchaseImpl::~OVPurchaseImpl() {
 // Start-up
 
 void OVPurchaseImpl::configureInitSDKWithVelQuinPlist() {
-  auto token = AppToken::load(Bundle::main()).accessToken;
-  if (!token) return;
-  configureSDK(*token);
+  AppToken token = AppToken::load(Bundle::main());
+  // What is wrong with the token file is said once, with the logs on: a
+  // start-up that reaches no backend is otherwise silent.
+  static std::atomic<bool> told{false};
+  if (!token.problems.empty() && OVUtils::shared().isLogEnable && !told.exchange(true)) {
+    for (const auto& problem : token.problems) log(problem);
+  }
+  if (!token.accessToken) return;
+  configureSDK(*token.accessToken);
 }
 
 void OVPurchaseImpl::registerBigDataGetAccessToken() {

@@ -170,6 +170,28 @@ TEST_F(Startup, UnreadableTokenFileDoesNothing) {
   expectNoStartup(this, *server);
 }
 
+TEST_F(Startup, APortPastItsRangeIsRefusedNotWrappedOntoAnother) {
+  // Wrapped to 16 bits, this port would be the sandbox's own.
+  std::string address = server->address();
+  int port = std::stoi(address.substr(address.rfind(':') + 1));
+  env.writeTokenFile({{"access_token", "k"},
+                      {"api_address", "127.0.0.1:" + std::to_string(port + 65536)},
+                      {"api_root_certificates", server->caCertificatePem()}});
+  expectNoStartup(this, *server);
+}
+
+TEST_F(Startup, AMissingTokenFileIsSaidOnceWithTheLogsOn) {
+  OVUtils::enableLogs(true);
+  ::testing::internal::CaptureStdout();
+  Velquin::shared().configure();
+  Velquin::shared().configure();
+  std::string logged = ::testing::internal::GetCapturedStdout();
+  std::string said = "velquin-app-token.plist is not in the bundle folder";
+  auto first = logged.find(said);
+  EXPECT_NE(first, std::string::npos) << logged;
+  EXPECT_EQ(logged.find(said, first + 1), std::string::npos) << logged;
+}
+
 TEST_F(Startup, NonTextAddressFallsBackToTheGateway) {
   env.writeTokenFile({{"access_token", "k"}}, {{"api_address", "<integer>443</integer>"}});
   auto& network = OVPurchaseImpl::shared().networkManager();
