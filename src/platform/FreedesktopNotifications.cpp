@@ -136,11 +136,13 @@ class FreedesktopCenter final : public UserNotificationCenter,
     delete static_cast<std::weak_ptr<FreedesktopCenter>*>(data);
   }
 
-  // Main queue only.
+  // Main queue only. The first owner seen may be reported after the answers
+  // to the first notifications (it was learnt concurrently), so only a
+  // server that goes away takes its notifications with it.
   void ownerChanged(const std::string& owner) {
     if (owner == owner_) return;
+    if (!owner_.empty()) shown_.clear();
     owner_ = owner;
-    shown_.clear();
   }
 
   static void onNotifyReply(GObject* source, GAsyncResult* result, gpointer data) {
