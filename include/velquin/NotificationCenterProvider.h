@@ -2,9 +2,11 @@
 // desktop and tells the SDK when one arrives while the app is in front or
 // is activated by the user.
 //
-// The SDK uses a freedesktop centre (org.freedesktop.Notifications on the
-// session bus) unless the host installs its own with
-// Velquin::setUserNotificationCenter before notifications start.
+// Unless the host installs its own with Velquin::setUserNotificationCenter,
+// the SDK shows notifications as GNotifications of the host's registered
+// default GApplication (clicks come back as its "app.velquin-notification-clicked"
+// action), or through org.freedesktop.Notifications on the session bus when
+// the process has no GApplication.
 //
 // Ownership and threads: a centre is shared (std::shared_ptr) between the
 // host and the SDK; it holds its delegate strongly. The delegate is called

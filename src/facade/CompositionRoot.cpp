@@ -18,7 +18,7 @@
 #include "delivery/ZKFMDB.h"
 #include "facade/CompositionRoot.h"
 #include "notifications/OVNotificationUtil.h"
-#include "platform/FreedesktopNotifications.h"
+#include "platform/GApplicationNotifications.h"
 #include "platform/Env.h"
 #include "purchases/OVPurchaseImpl.h"
 #include "support/Mutex.h"
@@ -155,7 +155,7 @@ NotificationCenterSlot& notificationCenterSlot() {
 std::shared_ptr<UserNotificationCenter> currentUserNotificationCenter() {
   auto& slot = notificationCenterSlot();
   support::MutexLock lock(slot.mutex);
-  if (!slot.center) slot.center = platform::createFreedesktopNotificationCenter();
+  if (!slot.center) slot.center = platform::createDesktopNotificationCenter();
   return slot.center;
 }
 

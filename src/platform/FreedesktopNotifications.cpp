@@ -86,13 +86,14 @@ class FreedesktopCenter final : public UserNotificationCenter,
         "(susssasa{sv}i)", appName ? appName : "", 0u, "", notification.title.c_str(),
         notification.body.c_str(), &actions, &hints, -1);
     g_dbus_connection_call(connection_, kService, kPath, kInterface, "Notify", parameters,
-                           G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                           G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
                            static_cast<int>(timeout_.count()), nullptr, &onNotifyReply,
                            new PendingShow{weak_from_this(), notification});
   }
 
-  // Main queue only. Opens the session bus and listens for the server's
-  // signals; false (after a warning) when there is no bus.
+  // Main queue only. Opens the session bus, follows which connection owns
+  // the service's name and listens for the server's signals; false (after a
+  // warning) when there is no bus.
   bool connect() {
     if (connection_) return true;
     GError* error = nullptr;
@@ -105,11 +106,43 @@ class FreedesktopCenter final : public UserNotificationCenter,
     }
     // The bus going away must not end the host.
     g_dbus_connection_set_exit_on_close(connection_, FALSE);
+    // Signals carry the sender's unique name; only the connection that owns
+    // the service's name may report a click, so a client that emits
+    // ActionInvoked itself is ignored. A new owner is a new server whose ids
+    // mean nothing to the notifications shown before.
+    g_bus_watch_name_on_connection_with_closures(
+        connection_, kService, G_BUS_NAME_WATCHER_FLAGS_NONE,
+        g_cclosure_new(G_CALLBACK(+[](GDBusConnection*, const gchar*, const gchar* owner,
+                                      gpointer data) {
+                         if (auto center = static_cast<std::weak_ptr<FreedesktopCenter>*>(data)->lock()) {
+                           center->ownerChanged(owner ? owner : "");
+                         }
+                       }),
+                       new std::weak_ptr<FreedesktopCenter>(weak_from_this()), &deleteWeak),
+        g_cclosure_new(G_CALLBACK(+[](GDBusConnection*, const gchar*, gpointer data) {
+                         if (auto center = static_cast<std::weak_ptr<FreedesktopCenter>*>(data)->lock()) {
+                           center->ownerChanged("");
+                         }
+                       }),
+                       new std::weak_ptr<FreedesktopCenter>(weak_from_this()), &deleteWeak));
     g_dbus_connection_signal_subscribe(
         connection_, nullptr, kInterface, nullptr, kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
         &onSignal, new std::weak_ptr<FreedesktopCenter>(weak_from_this()),
         [](gpointer data) { delete static_cast<std::weak_ptr<FreedesktopCenter>*>(data); });
     return true;
+  }
+
+  static void deleteWeak(gpointer data, GClosure*) {
+    delete static_cast<std::weak_ptr<FreedesktopCenter>*>(data);
+  }
+
+  // Main queue only. The first owner seen may be reported after the answers
+  // to the first notifications (it was learnt concurrently), so only a
+  // server that goes away takes its notifications with it.
+  void ownerChanged(const std::string& owner) {
+    if (owner == owner_) return;
+    if (!owner_.empty()) shown_.clear();
+    owner_ = owner;
   }
 
   static void onNotifyReply(GObject* source, GAsyncResult* result, gpointer data) {
@@ -133,10 +166,11 @@ class FreedesktopCenter final : public UserNotificationCenter,
     if (center->observer_) center->observer_(true);
   }
 
-  static void onSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*,
+  static void onSignal(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
                        const gchar* member, GVariant* parameters, gpointer data) {
     auto center = static_cast<std::weak_ptr<FreedesktopCenter>*>(data)->lock();
     if (!center) return;
+    if (center->owner_.empty() || center->owner_ != (sender ? sender : "")) return;
     std::string name = member ? member : "";
     if (name == "NotificationClosed" && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(uu)"))) {
       std::uint32_t id = 0, reason = 0;
@@ -161,8 +195,10 @@ class FreedesktopCenter final : public UserNotificationCenter,
   mutable support::Mutex mutex_;
   std::shared_ptr<UserNotificationCenterDelegate> delegate_ GUARDED_BY(mutex_);
   // Owned by the main queue: the bus connection (kept for the process once
-  // open) and the notifications shown, by the server's id.
+  // open), the unique name that owns the service (empty while none does)
+  // and the notifications shown, by the server's id.
   GDBusConnection* connection_ = nullptr;
+  std::string owner_;
   std::map<std::uint32_t, UserNotification> shown_;
 };
 

@@ -1,7 +1,9 @@
 // The user-notification centre of a Linux desktop: notifications become
 // desktop notifications through org.freedesktop.Notifications on the
 // session bus, and activating one (its "default" action) is the delegate's
-// didReceive.
+// didReceive. The server may be started on demand by D-Bus activation. A
+// click counts only when it comes from the connection that owns
+// org.freedesktop.Notifications at that moment.
 //
 // Ownership and threads: made with create() and shared; every D-Bus call and
 // every delegate call runs on the main queue. Without a session bus or a

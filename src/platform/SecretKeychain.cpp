@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <string>
 
 #include "support/Console.h"
 
@@ -34,10 +35,14 @@ struct Completion {
 using StartFunction = std::function<void(GCancellable*, GAsyncReadyCallback, gpointer)>;
 
 // Runs one asynchronous GIO operation on a private main context pushed as
-// the thread default, and waits at most `timeout` for it; then cancels it and
-// waits a little for the cancellation to land. Returns the operation's result
-// (the caller unrefs it), or null when it never completed.
-GAsyncResult* runBounded(std::chrono::milliseconds timeout, const StartFunction& start) {
+// the thread default, and waits at most `timeout` for it; then, with
+// `cancel`, cancels it and waits a little for the cancellation to land.
+// Returns the operation's result (the caller unrefs it), or null when it
+// never completed. libsecret's operations are never cancelled: its portal
+// road disconnects from the cancellable inside the cancellation handler,
+// which blocks the cancelling thread for good; they are abandoned instead.
+GAsyncResult* runBounded(std::chrono::milliseconds timeout, const StartFunction& start,
+                         bool cancel = true) {
   GMainContext* context = g_main_context_new();
   g_main_context_push_thread_default(context);
   GCancellable* cancellable = g_cancellable_new();
@@ -65,7 +70,7 @@ GAsyncResult* runBounded(std::chrono::milliseconds timeout, const StartFunction&
     g_source_unref(timer);
   };
   iterateUntil(timeout);
-  if (!completion->result) {
+  if (!completion->result && cancel) {
     g_cancellable_cancel(cancellable);
     iterateUntil(std::chrono::milliseconds(500));
   }
@@ -124,18 +129,29 @@ GVariant* callBus(GDBusConnection* bus, const char* method, GVariant* parameters
 
 SecretKeychain::SecretKeychain(std::unique_ptr<Keychain> fallback,
                                std::chrono::milliseconds timeout)
-    : fallback_(std::move(fallback)), timeout_(timeout) {
-  // libsecret shares this connection; settle its exit-on-close first.
-  if (GDBusConnection* bus = sessionBus(timeout_)) g_object_unref(bus);
+    : fallback_(std::move(fallback)), timeout_(timeout), bus_(sessionBus(timeout_)) {
+  // libsecret shares this connection (GLib's shared session bus connection,
+  // which lives only while someone holds it), so it is held here with its
+  // exit-on-close settled before libsecret asks for it.
+}
+
+SecretKeychain::~SecretKeychain() {
+  if (bus_) g_object_unref(bus_);
 }
 
 bool SecretKeychain::serviceAvailable(std::chrono::milliseconds timeout) {
   GDBusConnection* bus = sessionBus(timeout);
   if (!bus) return false;
+  // Inside a Flatpak sandbox libsecret keeps the secrets in a file of the
+  // application's own, encrypted with a key the Secret portal hands out; the
+  // Secret Service itself is out of reach there.
+  std::error_code ec;
+  const char* service = std::filesystem::exists("/.flatpak-info", ec)
+                            ? "org.freedesktop.portal.Desktop"
+                            : "org.freedesktop.secrets";
   bool available = false;
-  if (GVariant* reply =
-          callBus(bus, "NameHasOwner", g_variant_new("(s)", "org.freedesktop.secrets"),
-                  G_VARIANT_TYPE("(b)"), timeout)) {
+  if (GVariant* reply = callBus(bus, "NameHasOwner", g_variant_new("(s)", service),
+                                G_VARIANT_TYPE("(b)"), timeout)) {
     gboolean owned = FALSE;
     g_variant_get(reply, "(b)", &owned);
     available = owned != FALSE;
@@ -148,7 +164,7 @@ bool SecretKeychain::serviceAvailable(std::chrono::milliseconds timeout) {
       g_variant_get(reply, "(as)", &names);
       const gchar* name = nullptr;
       while (g_variant_iter_next(names, "&s", &name)) {
-        if (g_strcmp0(name, "org.freedesktop.secrets") == 0) available = true;
+        if (g_strcmp0(name, service) == 0) available = true;
       }
       g_variant_iter_free(names);
       g_variant_unref(reply);
@@ -162,7 +178,8 @@ SecretKeychain::Outcome SecretKeychain::lookup(const std::string& key, std::stri
   GAsyncResult* result =
       runBounded(timeout_, [&](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
         secret_password_lookup(keychainSchema(), c, cb, d, kAttribute, key.c_str(), nullptr);
-      });
+      },
+      false);
   if (!result) {
     warnOnce("the Secret Service did not answer");
     return Outcome::failed;
@@ -187,7 +204,8 @@ bool SecretKeychain::store(const std::string& key, const std::string& value) {
       runBounded(timeout_, [&](GCancellable* c, GAsyncReadyCallback cb, gpointer d) {
         secret_password_store(keychainSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(),
                               value.c_str(), c, cb, d, kAttribute, key.c_str(), nullptr);
-      });
+      },
+      false);
   if (!result) {
     warnOnce("the Secret Service did not answer");
     return false;

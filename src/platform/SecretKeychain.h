@@ -1,6 +1,9 @@
-// The keychain over the Secret Service (libsecret): items of the schema
+// The keychain over libsecret's password calls: items of the schema
 // "com.velquin.Keychain" with one attribute "key", stored in the default
-// collection.
+// collection of the Secret Service, or, inside a Flatpak sandbox, in
+// libsecret's file of the application's own that the Secret portal's key
+// encrypts. Only secret_password_* calls are used: they are what libsecret
+// serves on both.
 //
 // Every call talks to the service synchronously on the calling thread, over a
 // private GLib main context, and gives up after the time-out given at
@@ -23,6 +26,8 @@
 #include "platform/Keychain.h"
 #include "support/Mutex.h"
 
+typedef struct _GDBusConnection GDBusConnection;
+
 namespace velquin::platform {
 
 class SecretKeychain final : public Keychain {
@@ -33,12 +38,16 @@ class SecretKeychain final : public Keychain {
   // `fallback` may be null: then a failing service fails the call.
   explicit SecretKeychain(std::unique_ptr<Keychain> fallback,
                           std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  ~SecretKeychain() override;
+  SecretKeychain(const SecretKeychain&) = delete;
+  SecretKeychain& operator=(const SecretKeychain&) = delete;
 
   std::optional<std::string> load(const std::string& key) override;
   bool save(const std::string& key, const std::string& value) override;
 
   // True when the session bus answers within `timeout` and a program owns
-  // or can be started for org.freedesktop.secrets. False at once when no
+  // or can be started for org.freedesktop.secrets (inside a Flatpak sandbox:
+  // org.freedesktop.portal.Desktop). False at once when no
   // session bus address is known (DBUS_SESSION_BUS_ADDRESS unset and no
   // $XDG_RUNTIME_DIR/bus): no bus is ever autolaunched.
   static bool serviceAvailable(std::chrono::milliseconds timeout = std::chrono::seconds(1));
@@ -51,6 +60,7 @@ class SecretKeychain final : public Keychain {
 
   const std::unique_ptr<Keychain> fallback_;  // read-only pointer; the object locks itself
   const std::chrono::milliseconds timeout_;
+  GDBusConnection* const bus_;  // owned reference, or null without a session bus
   support::Mutex mutex_;
   bool warned_ GUARDED_BY(mutex_) = false;
 };

@@ -7,16 +7,20 @@
 #include <openssl/evp.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <gio/gio.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +28,9 @@
 #include <fstream>
 #include <limits>
 #include <vector>
+
+#include "support/Uuid.h"
+#include "velquin/Bundle.h"
 
 namespace velquin::platform {
 
@@ -330,7 +337,9 @@ std::string vendorIdentifier(const std::string& appId) {
   sd_id128_t app{};
   std::copy_n(digest.begin(), sizeof app.bytes, app.bytes);
   sd_id128_t machine{};
-  if (sd_id128_get_machine_app_specific(app, &machine) < 0) return "";
+  if (sd_id128_get_machine_app_specific(app, &machine) < 0) {
+    return persistentRandomIdentifier(Bundle::main().dataDirectory() / "vendor-id");
+  }
   uuid_t uuid;
   std::copy_n(machine.bytes, sizeof uuid, uuid);
   char text[37];
@@ -338,5 +347,65 @@ std::string vendorIdentifier(const std::string& appId) {
   return text;
 }
 
+
+namespace {
+
+enum class Stored { uuid, other, absent, unusable };
+
+// Reads the UUID kept in `file` without following a symlink or blocking on
+// a special file; at most a few bytes are read.
+Stored readStoredUuid(const std::filesystem::path& file, std::string* uuid) {
+  int fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return errno == ENOENT ? Stored::absent : Stored::unusable;
+  struct stat info{};
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    close(fd);
+    return Stored::unusable;
+  }
+  char buffer[64] = {};
+  ssize_t length = read(fd, buffer, sizeof buffer - 1);
+  close(fd);
+  std::string text(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  uuid_t parsed;
+  if (text.size() != 36 || uuid_parse(text.c_str(), parsed) != 0) return Stored::other;
+  char canonical[37];
+  uuid_unparse_upper(parsed, canonical);
+  *uuid = canonical;
+  return Stored::uuid;
+}
+
+}  // namespace
+
+std::string persistentRandomIdentifier(const std::filesystem::path& file) {
+  std::string uuid;
+  Stored stored = readStoredUuid(file, &uuid);
+  if (stored == Stored::uuid) return uuid;
+  if (stored == Stored::unusable) return "";
+  std::error_code ec;
+  std::filesystem::create_directories(file.parent_path(), ec);
+  const std::string fresh = support::randomUuid();
+  const std::filesystem::path temporary =
+      file.string() + ".tmp-" + support::randomUuid(support::UuidCase::lower);
+  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return "";
+  const std::string line = fresh + "\n";
+  bool written = write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()) &&
+                 fsync(fd) == 0;
+  close(fd);
+  std::string result;
+  if (written) {
+    if (stored == Stored::absent && link(temporary.c_str(), file.c_str()) == 0) {
+      result = fresh;
+    } else if (stored == Stored::absent && errno == EEXIST) {
+      // Another process kept its id first: that one holds.
+      if (readStoredUuid(file, &uuid) == Stored::uuid) result = uuid;
+    } else if (stored == Stored::other && rename(temporary.c_str(), file.c_str()) == 0) {
+      result = fresh;
+    }
+  }
+  unlink(temporary.c_str());
+  return result;
+}
 
 }  // namespace velquin::platform

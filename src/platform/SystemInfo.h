@@ -68,8 +68,17 @@ std::optional<StorageSizes> storageSizes(const std::filesystem::path& path);
 std::string deviceBrand();
 
 // The app-specific machine id for `appId` (sd_id128_get_machine_app_specific
-// keyed by the first 16 bytes of the id's SHA-256) as upper-case UUID text;
-// empty when the machine has no id.
+// keyed by the first 16 bytes of the id's SHA-256) as upper-case UUID text.
+// When the machine id cannot be read (a sandbox may hide /etc/machine-id) it
+// is the random identifier kept in the main bundle's data folder
+// ("vendor-id"); empty only when that cannot be kept either.
 std::string vendorIdentifier(const std::string& appId);
+
+// A random upper-case UUID kept in `file` across launches: the one the file
+// holds, or a new one written there (0600, through a temporary file that is
+// linked into place, so two processes racing agree on the first). A file
+// that holds no UUID is replaced; a symlink or other non-regular file is
+// never followed or replaced. Empty when nothing could be kept.
+std::string persistentRandomIdentifier(const std::filesystem::path& file);
 
 }  // namespace velquin::platform

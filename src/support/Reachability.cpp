@@ -6,8 +6,11 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -76,6 +79,7 @@ class MonitorHub {
 
   void start() {
     if (started_.load(std::memory_order_acquire)) return;
+    keepHostAliveWithoutBus();
     // The main queue's context is the thread-default one here, so the
     // monitor created by this first call delivers its signals to it.
     GNetworkMonitor* monitor = g_network_monitor_get_default();
@@ -101,7 +105,26 @@ class MonitorHub {
     startedCv_.notify_all();
   }
 
-  // On the main queue.
+  // Inside a Flatpak sandbox (or wherever GLib is told to use the portals)
+  // the monitor asks the network portal over the shared session bus
+  // connection, which by default ends the process with SIGTERM when the bus
+  // goes away. A library must not do that to its host, so that connection is
+  // told not to before the monitor opens it, and kept open for the process
+  // (GLib shares it only while someone holds it).
+  static void keepHostAliveWithoutBus() {
+    const char* usePortal = std::getenv("GTK_USE_PORTAL");
+    std::error_code ec;
+    bool portal = (usePortal && std::string(usePortal) == "1") ||
+                  std::filesystem::exists("/.flatpak-info", ec);
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!portal || !address || !*address) return;  // never autolaunch a bus
+    if (GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)) {
+      g_dbus_connection_set_exit_on_close(bus, FALSE);  // the reference is kept
+    }
+  }
+
+  // On the main queue. A monitor that cannot tell (the network portal
+  // failing) reports no network: the flags read unreachable.
   ReachabilityFlags readFlags() const {
     ReachabilityFlags flags = 0;
     if (g_network_monitor_get_network_available(monitor_)) flags |= rf::kReachable;

@@ -36,6 +36,7 @@ void onMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
   g_variant_get(parameters, "(&su&s&s&sasa{sv}i)", &app, &replaces, &icon, &summary, &body,
                 &actions, &hints, &timeout);
   NotifyCall call;
+  call.sender = g_dbus_method_invocation_get_sender(invocation);
   call.appName = app;
   call.summary = summary;
   call.body = body;
@@ -85,6 +86,16 @@ void NotificationServer::run(const std::string& busAddress) {
       nullptr, nullptr, &error);
   bool owned = false;
   if (connection_) {
+    g_signal_connect(connection_, "closed",
+                     G_CALLBACK(+[](GDBusConnection*, gboolean, GError*, gpointer data) {
+                       auto* server = static_cast<NotificationServer*>(data);
+                       {
+                         std::lock_guard lock(server->mutex_);
+                         server->closed_ = true;
+                       }
+                       server->changed_.notify_all();
+                     }),
+                     this);
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
     static const GDBusInterfaceVTable vtable = {onMethodCall, nullptr, nullptr, {}};
     g_dbus_connection_register_object(connection_, "/org/freedesktop/Notifications",
@@ -143,7 +154,13 @@ std::vector<NotifyCall> NotificationServer::calls() const {
 
 bool NotificationServer::waitForCalls(std::size_t count, std::chrono::milliseconds limit) const {
   std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, limit, [&] { return calls_.size() >= count; });
+  changed_.wait_for(lock, limit, [&] { return calls_.size() >= count || closed_; });
+  return calls_.size() >= count;
+}
+
+bool NotificationServer::closed() const {
+  std::lock_guard lock(mutex_);
+  return closed_;
 }
 
 void NotificationServer::invokeAction(std::uint32_t id, const std::string& action) {
@@ -151,6 +168,19 @@ void NotificationServer::invokeAction(std::uint32_t id, const std::string& actio
                                 "org.freedesktop.Notifications", "ActionInvoked",
                                 g_variant_new("(us)", id, action.c_str()), nullptr);
   g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
+}
+
+}  // namespace velquin::testing
+
+namespace velquin::testing {
+
+bool NotificationServer::roundTrip(const std::string& peer) {
+  GVariant* reply = g_dbus_connection_call_sync(connection_, peer.c_str(), "/",
+                                                "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                                                nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
+                                                nullptr);
+  if (reply) g_variant_unref(reply);
+  return reply != nullptr;
 }
 
 }  // namespace velquin::testing

@@ -24,6 +24,7 @@ namespace velquin::testing {
 
 struct NotifyCall {
   std::uint32_t id = 0;
+  std::string sender;  // unique name of the caller
   std::string appName;
   std::string summary;
   std::string body;
@@ -48,6 +49,11 @@ class NotificationServer {
                     std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
   // Emits ActionInvoked(id, action) to every listener.
   void invokeAction(std::uint32_t id, const std::string& action = "default");
+  // Returns once `peer` has read everything the server sent it so far (a
+  // ping over the same connection is answered after it).
+  bool roundTrip(const std::string& peer);
+  // True once the bus connection is gone; waitForCalls returns then too.
+  bool closed() const;
 
   // Called by the D-Bus dispatch on the server's thread: records the call
   // and answers it, or keeps it unanswered.
@@ -60,6 +66,7 @@ class NotificationServer {
   mutable std::condition_variable changed_;
   std::vector<NotifyCall> calls_;  // guarded by mutex_
   bool started_ = false;           // guarded by mutex_
+  bool closed_ = false;            // guarded by mutex_
   bool ok_ = false;                // written before started_ is set
   GMainContext* context_ = nullptr;
   GMainLoop* loop_ = nullptr;

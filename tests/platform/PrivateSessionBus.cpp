@@ -40,13 +40,19 @@ void stop(pid_t& pid) {
 
 }  // namespace
 
-PrivateSessionBus::PrivateSessionBus(const std::filesystem::path& dir) : dir_(dir) {
+PrivateSessionBus::PrivateSessionBus(const std::filesystem::path& dir,
+                                     const std::filesystem::path& servicesDir)
+    : dir_(dir) {
   std::filesystem::create_directories(dir_ / "run");
   chmod((dir_ / "run").c_str(), 0700);
   address_ = "unix:path=" + (dir_ / "run" / "bus").string();
   const auto config = dir_ / "session.conf";
   std::ofstream(config) << "<busconfig><type>session</type><listen>" << address_
-                        << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                        << "</listen><auth>EXTERNAL</auth>"
+                        << (servicesDir.empty() ? std::string()
+                                                : "<servicedir>" + servicesDir.string() +
+                                                      "</servicedir>")
+                        << "<policy context=\"default\">"
                            "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
                            "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
   busPid_ = spawn({"dbus-daemon", "--config-file=" + config.string(), "--nofork", "--nosyslog"},

@@ -1,5 +1,6 @@
-// A private D-Bus session bus for one test process (no activatable
-// services), optionally with gnome-keyring's Secret Service on it. The
+// A private D-Bus session bus for one test process, optionally with
+// activatable services from a folder of service files and with
+// gnome-keyring's Secret Service on it. The
 // process's DBUS_SESSION_BUS_ADDRESS and XDG_RUNTIME_DIR point at it from
 // construction on.
 //
@@ -16,7 +17,8 @@ namespace velquin::testing {
 
 class PrivateSessionBus {
  public:
-  explicit PrivateSessionBus(const std::filesystem::path& dir);
+  explicit PrivateSessionBus(const std::filesystem::path& dir,
+                             const std::filesystem::path& servicesDir = {});
   ~PrivateSessionBus();
   PrivateSessionBus(const PrivateSessionBus&) = delete;
   PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
@@ -30,8 +32,10 @@ class PrivateSessionBus {
   // keyring (the default collection); with an empty one there is none.
   bool startKeyring(const std::string& password = "velquin-test");
 
- private:
+  // Waits until a connection owns `name`.
   bool nameOwned(const std::string& name, int timeoutMs);
+
+ private:
 
   std::filesystem::path dir_;
   std::string address_;
