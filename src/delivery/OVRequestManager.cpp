@@ -64,6 +64,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
   if (!request) return false;
   const bool credentials = hasCredentials();
   std::optional<std::int64_t> rowId;
+  bool leftToSweep = false;
   if (options_.cache && options_.cache->isAvailable()) {
     // Claimed on the database queue, before any upload of this process can
     // read the row: the upload then skips it.
@@ -72,13 +73,23 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     std::vector<Acknowledged> taken;
     bool takenDeleted = false;
     CallerScope inside(*this);
-    claim = [this, credentials, &claimed, &taken, &takenDeleted](std::int64_t row) {
-      if (credentials) {
+    const bool withBlocks = success || failure;
+    claim = [this, credentials, withBlocks, &claimed, &taken, &takenDeleted](std::int64_t row) {
+      {
         support::MutexLock lock(queueMutex_);
-        underWay_.insert("row:" + std::to_string(row));
-        // Not yet visible to any other process: the lease is free.
-        if (leases_) leases_->acquire(row);
-        claimed = row;
+        // Queued at once only while the queue is short and the backend
+        // answers; otherwise the row waits in the cache for the sweep
+        // (decided here, on the database queue, where the sweep reads).
+        // Blocks must be told, so their envelope is always queued.
+        if (credentials && (withBlocks || (!silent_ && !backlog_ &&
+                                           requestQueue_.size() < kPageRows))) {
+          underWay_.insert("row:" + std::to_string(row));
+          // Not yet visible to any other process: the lease is free.
+          if (leases_) leases_->acquire(row);
+          claimed = row;
+        } else {
+          backlog_ = true;
+        }
       }
       // Rows acknowledged meanwhile leave in this same commit: a reply
       // never makes the caller wait for a delete of its own.
@@ -86,6 +97,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
       if (!taken.empty()) takenDeleted = options_.cache->deleteRows(rowsOf(taken));
     };
     rowId = options_.cache->addRequest(*request, claim);
+    leftToSweep = rowId && !claimed;
     if (claimed && !rowId) {
       // The insert did not commit: the row does not exist after all.
       OVRequest gone;
@@ -112,6 +124,10 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
   }
   request->setRowId(rowId);
   if (!credentials) return rowId.has_value();
+  if (leftToSweep) {
+    maybeReadPage();  // left to the sweep
+    return true;
+  }
   if (!rowId) {
     // Not durable: sent from memory only. Claimed by its request id, which
     // is unique within this process.
@@ -214,6 +230,7 @@ void OVRequestManager::sendPending() {
       pending = std::move(requestQueue_.front());
       requestQueue_.pop_front();
     }
+    maybeReadPage();  // reads ahead when the queue runs low
     send(std::move(pending));
   }
 }
@@ -255,6 +272,15 @@ void OVRequestManager::handleReply(const Pending& pending,
   const auto& request = pending.request;
   const std::string id = request->requestIdText();
   const std::string key = claimKey(*request);
+  if (reply && silent_.exchange(false)) {
+    // The backend answers again: sweep the cache from its first row.
+    {
+      support::MutexLock lock(queueMutex_);
+      backlog_ = true;
+      sweepCursor_ = 0;
+    }
+    maybeReadPage();
+  }
   if (reply) {
     // Any reply counts as accepted, whatever its status. The slot stays
     // taken until the row's delete has committed.
@@ -296,6 +322,7 @@ void OVRequestManager::handleReply(const Pending& pending,
   }
 
   const bool reachable = !options_.isReachable || options_.isReachable();
+  if (noAnswer(error, stopping_)) silent_ = true;
   if (reachable && request->retryCount() >= 1) {
     // Retried at once, still claimed, behind whatever waits already.
     request->reduceRetryCount();
@@ -456,40 +483,114 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
     facts_.reset();  // storage sizes and the screen may have changed
   }
   if (!options_.cache || !options_.cache->isAvailable()) return;
-  if (!hasCredentials()) return;  // the rows wait for the next upload
-  std::vector<std::shared_ptr<OVRequest>> claimed;
-  options_.cache->allRequestsFromFmdbWihtClass(
-      OVRequest::zk_model(),
-      [&](const std::optional<std::vector<std::shared_ptr<OVRequest>>>& restored) {
-        if (!restored) return;
-        // Claimed while still on the database queue: a row whose reply and
-        // delete land after this read is still claimed here, and one whose
-        // delete committed before it is not in the result.
-        support::MutexLock lock(queueMutex_);
-        for (const auto& row : *restored) {
-          const std::string key = claimKey(*row);
-          if (key.empty()) {
-            claimed.push_back(row);
-          } else if (underWay_.insert(key).second && leaseClaimedLocked(*row, key)) {
-            claimed.push_back(row);
-          }
-        }
-      });
-  if (claimed.empty()) return;
-  // A process sharing the file releases a row's lease only after its delete
-  // has committed: a row read before that delete but leased after it is
-  // gone now, and must not be sent again.
-  const auto existing = options_.cache->rowIds();
-  std::vector<Pending> pending;
-  pending.reserve(claimed.size());
-  for (auto& row : claimed) {
-    if (row->rowId() && !existing.count(*row->rowId())) {
-      release(*row);
-      continue;
-    }
-    pending.push_back(Pending{std::move(row), success, failure});
+  if (const std::int64_t dropped = options_.cache->takeDropped(); dropped > 0) {
+    support::warn("request cache: " + std::to_string(dropped) +
+                  " oldest event(s) dropped to stay within the cap of " +
+                  std::to_string(options_.cache->rowCap()) + " rows");
   }
-  enqueueClaimed(std::move(pending));
+  if (!hasCredentials()) return;  // the rows wait for the next upload
+  // Nothing can be sent: the pass costs a reachability test and no read.
+  if (options_.isReachable && !options_.isReachable()) return;
+  {
+    support::MutexLock lock(queueMutex_);
+    sweepSuccess_ = std::move(success);
+    sweepFailure_ = std::move(failure);
+    if (!silent_ && !backlog_) {
+      backlog_ = true;
+      sweepCursor_ = 0;
+    }
+  }
+  // While the backend gave no answer, one row probes it; its reply starts
+  // the sweep again.
+  if (silent_) {
+    readPage(1, true);
+  } else {
+    maybeReadPage(true);
+  }
+}
+
+void OVRequestManager::maybeReadPage(bool now) {
+  {
+    support::MutexLock lock(queueMutex_);
+    if (!backlog_ || pageScheduled_ || silent_ || stopping_ ||
+        requestQueue_.size() >= kLowWater) {
+      return;
+    }
+    pageScheduled_ = true;
+  }
+  if (now) {
+    readPage(kPageRows, false);
+    return;
+  }
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->readPage(kPageRows, false);
+  });
+}
+
+void OVRequestManager::readPage(int limit, bool probe) {
+  std::vector<std::shared_ptr<OVRequest>> claimed;
+  SuccessBlock success;
+  FailureBlock failure;
+  bool last = false;
+  // Pages of rows all claimed already (in flight, or sent by another
+  // process) are passed over; those are at most a few pages.
+  while (claimed.empty() && !last && hasCredentials()) {
+    std::int64_t after = 0;
+    if (!probe) {
+      support::MutexLock lock(queueMutex_);
+      after = sweepCursor_;
+    }
+    bool read = false;
+    options_.cache->requestsAfter(
+        after, limit, [&](const std::vector<std::shared_ptr<OVRequest>>& rows, bool end) {
+          read = true;
+          last = end || probe;
+          // Claimed while still on the database queue: a row whose delete
+          // committed before this read is not in it, and one deleted after
+          // it is claimed until its delete has committed.
+          support::MutexLock lock(queueMutex_);
+          for (const auto& row : rows) {
+            const std::string key = claimKey(*row);
+            if (key.empty() || (underWay_.insert(key).second && leaseClaimedLocked(*row, key))) {
+              claimed.push_back(row);
+            }
+          }
+          if (probe) return;
+          if (!rows.empty() && rows.back()->rowId()) sweepCursor_ = *rows.back()->rowId();
+          if (end) {
+            backlog_ = false;
+            sweepCursor_ = 0;
+          }
+        });
+    if (!read) break;
+  }
+  {
+    support::MutexLock lock(queueMutex_);
+    if (!probe) pageScheduled_ = false;
+    success = sweepSuccess_;
+    failure = sweepFailure_;
+  }
+  if (!claimed.empty()) {
+    // A process sharing the file releases a row's lease only after its
+    // delete has committed: a row read before that delete but leased after
+    // it is gone now, and must not be sent again.
+    std::vector<std::int64_t> ids;
+    for (const auto& row : claimed) {
+      if (row->rowId()) ids.push_back(*row->rowId());
+    }
+    const auto existing = options_.cache->existingRows(ids);
+    std::vector<Pending> pending;
+    pending.reserve(claimed.size());
+    for (auto& row : claimed) {
+      if (row->rowId() && !existing.count(*row->rowId())) {
+        release(*row);
+        continue;
+      }
+      pending.push_back(Pending{std::move(row), success, failure});
+    }
+    enqueueClaimed(std::move(pending));
+  }
+  if (!probe) maybeReadPage();
 }
 
 }  // namespace velquin

@@ -144,6 +144,11 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   void drainQueue();
 
   static constexpr int kMaxInFlight = 3;
+  // Rows read from the cache at a time, and the queue length below which
+  // the next page is read: the envelopes in memory stay this few, however
+  // many rows are cached.
+  static constexpr int kPageRows = 16;
+  static constexpr std::size_t kLowWater = 4;
 
  private:
   struct Pending {
@@ -166,6 +171,12 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // Queues envelopes whose claims are held already, in order, and makes
   // sure the send loop runs when a slot is free.
   void enqueueClaimed(std::vector<Pending> pendings);
+  // Reads the next page of cached rows when a sweep has rows left and the
+  // queue runs low (on the manager's queue, or here with `now`).
+  void maybeReadPage(bool now = false);
+  // Claims and queues up to `limit` unclaimed rows from the sweep's cursor
+  // on; a probe reads from the first row and leaves the sweep alone.
+  void readPage(int limit, bool probe);
   // The send loop: sends waiting envelopes while a call slot is free.
   void sendPending();
   void send(Pending pending);
@@ -216,6 +227,15 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   std::atomic<int> inFlight_{0};
   std::atomic<bool> stopping_{false};
   std::atomic<bool> deleteFailureReported_{false};
+  // The last call failed with no answer from the backend: rows are no
+  // longer read ahead, and a timer pass sends one row to probe it.
+  std::atomic<bool> silent_{false};
+  // The sweep through the cache: rows above the cursor may be unread.
+  bool backlog_ GUARDED_BY(queueMutex_) = false;
+  std::int64_t sweepCursor_ GUARDED_BY(queueMutex_) = 0;
+  bool pageScheduled_ GUARDED_BY(queueMutex_) = false;
+  SuccessBlock sweepSuccess_ GUARDED_BY(queueMutex_);  // the blocks of the last upload
+  FailureBlock sweepFailure_ GUARDED_BY(queueMutex_);
 
   support::Mutex timerMutex_;
   std::optional<MainQueue::TimerId> timer_ GUARDED_BY(timerMutex_);

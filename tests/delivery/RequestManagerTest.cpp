@@ -356,6 +356,58 @@ TEST_F(Delivery, RepliesLandingWhileACallerWritesLeaveTheirDeletesToItsCommit) {
   for (const auto& [name, times] : seen) EXPECT_EQ(times, 1) << name;
 }
 
+TEST_F(Delivery, AnOfflineBacklogIsReadInPagesAndAProbeWakesItUp) {
+  // The backend stops answering: once a call failed with no answer, new
+  // events are only cached and a timer pass sends a single probe.
+  server.failNext(1000, grpc::UNAVAILABLE);
+  for (int i = 0; i < 100; ++i) manager->submit(envelope("ev_offline_" + std::to_string(i)));
+  ASSERT_TRUE(waitIdle(manager));
+  const size_t afterBurst = server.received().size();
+  // Before the first failure came back, at most a queue's worth was taken.
+  EXPECT_LE(receivedNames().size(),
+            size_t{OVRequestManager::kPageRows + OVRequestManager::kMaxInFlight});
+  manager->uploadCacheData();
+  ASSERT_TRUE(waitIdle(manager));
+  EXPECT_LE(server.received().size() - afterBurst, 4u) << "a pass sent more than one probe";
+  EXPECT_EQ(rows().size(), 100u);
+
+  // The backend answers again: the probe's reply starts the sweep, which
+  // delivers everything, a page at a time, each row once.
+  server.failNext(0, grpc::UNAVAILABLE);
+  const size_t beforeRecovery = server.received().size();
+  manager->uploadCacheData();
+  EXPECT_TRUE(waitForRows(0, 30s));
+  ASSERT_TRUE(waitIdle(manager));
+  const auto all = server.received();
+  std::map<std::string, int> delivered;
+  for (size_t i = beforeRecovery; i < all.size(); ++i) ++delivered[all[i].event().name()];
+  EXPECT_EQ(delivered.size(), 100u);
+  for (const auto& [name, times] : delivered) EXPECT_EQ(times, 1) << name;
+}
+
+TEST_F(Delivery, TheCapDropsTheOldestRowsAtInsertAndATimerPassSaysSo) {
+  OVRequestCache::setRowCap(5);
+  // Nothing leaves the cache: only the cap removes rows.
+  server.failNext(1000, grpc::INTERNAL);
+  reachable = false;
+  for (int i = 0; i < 8; ++i) manager->submit(envelope("ev_capped_" + std::to_string(i)));
+  std::vector<std::string> names;
+  for (const auto& row : rows()) {
+    std::string why;
+    ASSERT_TRUE(row->restoreParamsFromParamStr(why)) << why;
+    names.push_back((*row->params())["eventName"].get<std::string>());
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"ev_capped_3", "ev_capped_4", "ev_capped_5",
+                                              "ev_capped_6", "ev_capped_7"}));
+  ::testing::internal::CaptureStderr();
+  manager->uploadCacheData();
+  manager->uploadCacheData();
+  const std::string said = ::testing::internal::GetCapturedStderr();
+  OVRequestCache::setRowCap(OVRequestCache::kDefaultRowCap);
+  EXPECT_NE(said.find("3 oldest event(s) dropped"), std::string::npos) << said;
+  EXPECT_EQ(said.find("dropped"), said.rfind("dropped")) << "logged more than once: " << said;
+}
+
 TEST_F(Delivery, ARowWhoseDeleteFailsIsNotSentAgainByThisProcess) {
   stored("ev_stuck");
   ASSERT_TRUE(store->zk_executeUpdate("PRAGMA query_only = ON"));  // every write now fails
