@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <unordered_map>
 
 #include "delivery/OVRequestCache.h"
 #include "support/Console.h"
@@ -21,10 +22,104 @@ bool noAnswer(const std::optional<Error>& error, bool cancelledBySdk) {
          (error->code == grpc::StatusCode::CANCELLED && cancelledBySdk);
 }
 
+// The exit handler's bound on waiting for replies, in milliseconds.
+std::atomic<std::int64_t> exitDrainMs{1000};
+
 }  // namespace
 
 std::shared_ptr<OVRequestManager> OVRequestManager::create(Options options) {
-  return std::shared_ptr<OVRequestManager>(new OVRequestManager(std::move(options)));
+  auto manager = std::shared_ptr<OVRequestManager>(new OVRequestManager(std::move(options)));
+  // Acknowledgements an earlier process left: their rows go in one delete,
+  // off the caller's thread.
+  if (manager->acks_ && !manager->acks_->empty()) {
+    {
+      support::MutexLock lock(manager->recordedMutex_);
+      manager->foldScheduled_ = true;
+    }
+    manager->addDelQueue_.async([weak = manager->weak_from_this()] {
+      if (auto self = weak.lock()) self->foldAcknowledgements();
+    });
+  }
+  return manager;
+}
+
+void OVRequestManager::setExitDrainBound(std::chrono::milliseconds bound) {
+  exitDrainMs = std::max<std::int64_t>(0, bound.count());
+}
+
+std::chrono::milliseconds OVRequestManager::exitDrainBound() {
+  return std::chrono::milliseconds(exitDrainMs.load());
+}
+
+void OVRequestManager::drainInFlight(std::chrono::milliseconds bound) {
+  if (bound.count() <= 0) return;
+  stopping_ = true;  // no new call starts; what waits stays cached
+  std::unique_lock lock(drainMutex_);
+  drainChanged_.wait_for(lock, bound, [this] { return inFlight_.load() <= 0; });
+}
+
+bool OVRequestManager::recordAcknowledged(const std::string& key, std::int64_t rowId,
+                                          const std::string& requestId) {
+  if (!acks_ || !acks_->append(rowId, requestId)) return false;
+  // Listed only after the write: a fold that takes this list has the
+  // record in the log it reads (or the row was folded already).
+  bool fold = false;
+  {
+    support::MutexLock lock(recordedMutex_);
+    recorded_.push_back(Recorded{key, rowId});
+    fold = recorded_.size() >= kFoldAcks && !foldScheduled_;
+    if (fold) foldScheduled_ = true;
+  }
+  if (fold) {
+    addDelQueue_.async([weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->foldAcknowledgements();
+    });
+  }
+  return true;
+}
+
+void OVRequestManager::scheduleFold() {
+  {
+    support::MutexLock lock(recordedMutex_);
+    if (foldScheduled_) return;
+    foldScheduled_ = true;
+  }
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->foldAcknowledgements();
+  });
+}
+
+void OVRequestManager::foldAcknowledgements() {
+  if (!acks_ || !options_.cache || !options_.cache->isAvailable()) return;
+  support::MutexLock folding(foldMutex_);
+  std::vector<Recorded> settled;
+  {
+    // Taken before the log is read: each of these is in what the fold
+    // reads, or was folded by someone earlier.
+    support::MutexLock lock(recordedMutex_);
+    settled.swap(recorded_);
+    foldScheduled_ = false;
+  }
+  const bool folded = acks_->fold([this](const std::vector<AckLog::Entry>& entries) {
+    return options_.cache->deleteAcknowledged(entries);
+  });
+  if (!folded) {
+    reportFailedDelete(settled.size());  // claims stay: never sent again here
+    support::MutexLock lock(recordedMutex_);
+    recorded_.insert(recorded_.begin(), settled.begin(), settled.end());
+    return;
+  }
+  support::MutexLock lock(queueMutex_);
+  for (const auto& entry : settled) {
+    underWay_.erase(entry.key);
+    if (leases_) leases_->release(entry.rowId);
+  }
+}
+
+void OVRequestManager::drainSharedAtExit() {
+  const auto bound = exitDrainBound();
+  if (bound.count() <= 0) return;
+  sharedPointer()->drainInFlight(bound);
 }
 
 OVRequestManager::OVRequestManager(Options options)
@@ -33,6 +128,7 @@ OVRequestManager::OVRequestManager(Options options)
                                          options_.headers)) {
   if (options_.cache && options_.cache->isAvailable()) {
     leases_ = std::make_unique<RowLeases>(options_.cache->leaseFile());
+    acks_ = std::make_unique<AckLog>(options_.cache->ackFile());
   }
 }
 
@@ -135,7 +231,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     underWay_.insert(claimKey(*request));
   }
   std::vector<Pending> pending;
-  pending.push_back(Pending{std::move(request), std::move(success), std::move(failure)});
+  pending.push_back(Pending{std::move(request), std::move(success), std::move(failure), nullptr});
   enqueueClaimed(std::move(pending));
   return rowId.has_value();
 }
@@ -146,7 +242,7 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
   if (!hasCredentials()) return;
   addDelQueue_.async(
       [weak = weak_from_this(),
-       pending = Pending{std::move(request), std::move(success), std::move(failure)}]() mutable {
+       pending = Pending{std::move(request), std::move(success), std::move(failure), nullptr}]() mutable {
         auto self = weak.lock();
         if (!self) return;
         {
@@ -202,11 +298,23 @@ bool OVRequestManager::leaseClaimedLocked(const OVRequest& request, const std::s
 
 void OVRequestManager::freeSlots(int count) {
   if (count <= 0) return;
-  inFlight_ -= count;
+  if ((inFlight_ -= count) == 0) {
+    std::lock_guard lock(drainMutex_);
+    drainChanged_.notify_all();
+  }
   semaphore_.release(count);
   // Waiting envelopes take the freed slots; the loop never blocks, so it
   // may run on whichever thread freed them.
   sendPending();
+  if (inFlight_.load() > 0 || stopping_) return;
+  // Idle: the rows acknowledged so far are deleted now rather than at the
+  // 32nd acknowledgement or the next timer pass.
+  bool pending = false;
+  {
+    support::MutexLock lock(recordedMutex_);
+    pending = !recorded_.empty();
+  }
+  if (pending) scheduleFold();
 }
 
 std::shared_ptr<const DeviceFacts> OVRequestManager::currentFacts() {
@@ -237,15 +345,19 @@ void OVRequestManager::sendPending() {
 
 void OVRequestManager::send(Pending pending) {
   auto& request = *pending.request;
-  if (request.paramStr() && !request.params()) {
+  if (!pending.built && request.paramStr() && !request.params()) {
     std::string why;
     if (!request.restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
   }
-  const std::shared_ptr<const DeviceFacts> facts = currentFacts();
-  const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
-  static const nlohmann::json kNoParams = nlohmann::json::object();
-  auto eventRequest = buildEventRequest(request.params() ? *request.params() : kNoParams, *facts,
-                                        identity);
+  if (!pending.built) {
+    // Built once per row in this process; its retries send the same request.
+    const std::shared_ptr<const DeviceFacts> facts = currentFacts();
+    const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
+    static const nlohmann::json kNoParams = nlohmann::json::object();
+    pending.built = std::make_shared<const protocol::EventRequest>(buildEventRequest(
+        request.params() ? *request.params() : kNoParams, *facts, identity));
+  }
+  protocol::EventRequest eventRequest = *pending.built;
   // The request goes to the call as it is; a copy is kept only for the
   // log line, when the log is on.
   std::shared_ptr<const protocol::EventRequest> logged;
@@ -293,6 +405,14 @@ void OVRequestManager::handleReply(const Pending& pending,
       }
       if (pending.success) pending.success(response);
     };
+    // A cached row is recorded in the acknowledgement log: one write, no
+    // database lock. Its slot is free at once; its claim (and lease) stay
+    // until a fold has deleted the row.
+    if (request->rowId() && recordAcknowledged(key, *request->rowId(), id)) {
+      freeSlots(1);
+      after();
+      return;
+    }
     Acknowledged entry{key, request->rowId(), id, std::move(after)};
     {
       // While a caller is inside submit(), its commit takes the row along
@@ -332,7 +452,7 @@ void OVRequestManager::handleReply(const Pending& pending,
       // failure block: nothing has reported yet, so it stays for the
       // acknowledgement (still reported at most once).
       requestQueue_.push_back(
-          Pending{request, pending.failure ? nullptr : pending.success, nullptr});
+          Pending{request, pending.failure ? nullptr : pending.success, nullptr, pending.built});
     }
   } else if (reachable && !noAnswer(error, stopping_)) {
     // Out of retries and the backend answered each time: given up.
@@ -488,6 +608,7 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
                   " oldest event(s) dropped to stay within the cap of " +
                   std::to_string(options_.cache->rowCap()) + " rows");
   }
+  if (acks_ && !acks_->empty()) scheduleFold();
   if (!hasCredentials()) return;  // the rows wait for the next upload
   // Nothing can be sent: the pass costs a reachability test and no read.
   if (options_.isReachable && !options_.isReachable()) return;
@@ -574,6 +695,32 @@ void OVRequestManager::readPage(int limit, bool probe) {
     // A process sharing the file releases a row's lease only after its
     // delete has committed: a row read before that delete but leased after
     // it is gone now, and must not be sent again.
+    // A process that died left acknowledgements of rows it had leased: read
+    // after the leases were taken, the log has them (or a fold deleted the
+    // rows, which the check below sees). They are not sent again; they stay
+    // claimed until this process's next fold deletes them.
+    if (acks_ && !acks_->empty()) {
+      std::unordered_set<std::int64_t> acknowledged;
+      std::unordered_map<std::int64_t, std::uint64_t> hashes;
+      for (const auto& entry : acks_->read()) hashes[entry.rowId] = entry.idHash;
+      std::vector<Recorded> skipped;
+      std::erase_if(claimed, [&](const std::shared_ptr<OVRequest>& row) {
+        if (!row->rowId()) return false;
+        auto hash = hashes.find(*row->rowId());
+        if (hash == hashes.end() || hash->second != AckLog::hashOf(row->requestIdText())) {
+          return false;
+        }
+        skipped.push_back(Recorded{claimKey(*row), *row->rowId()});
+        return true;
+      });
+      if (!skipped.empty()) {
+        {
+          support::MutexLock lock(recordedMutex_);
+          recorded_.insert(recorded_.end(), skipped.begin(), skipped.end());
+        }
+        scheduleFold();
+      }
+    }
     std::vector<std::int64_t> ids;
     for (const auto& row : claimed) {
       if (row->rowId()) ids.push_back(*row->rowId());
@@ -586,7 +733,7 @@ void OVRequestManager::readPage(int limit, bool probe) {
         release(*row);
         continue;
       }
-      pending.push_back(Pending{std::move(row), success, failure});
+      pending.push_back(Pending{std::move(row), success, failure, nullptr});
     }
     enqueueClaimed(std::move(pending));
   }
