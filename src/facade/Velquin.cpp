@@ -7,6 +7,8 @@
 #include "analytics/OVDeviceInfoManager.h"
 #include "backend/GRPCserviceManager.h"
 #include "crash/CrashSignalHandler.h"
+#include "delivery/OVRequestCache.h"
+#include "delivery/OVRequestManager.h"
 #include "facade/CompositionRoot.h"
 #include "notifications/OVNotificationUtil.h"
 #include "purchases/OVDataCache.h"
@@ -96,6 +98,14 @@ void Velquin::configure() {
 
 void Velquin::setPurchasesLogs(bool enabled) {
   OVUtils::enableLogs(enabled);
+}
+
+void Velquin::setExitDrainMilliseconds(long milliseconds) {
+  OVRequestManager::setExitDrainBound(std::chrono::milliseconds(milliseconds));
+}
+
+void Velquin::setEventCacheCap(long events) {
+  OVRequestCache::setRowCap(events);
 }
 
 void Velquin::setAnalyticsLogs(bool enabled) {
