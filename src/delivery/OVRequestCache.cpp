@@ -82,20 +82,6 @@ std::optional<std::int64_t> OVRequestCache::largestRequestId() {
   return largest;
 }
 
-std::unordered_set<std::int64_t> OVRequestCache::rowIds() {
-  std::unordered_set<std::int64_t> ids;
-  if (!store_) return ids;
-  store_->zk_inDatabase([&] {
-    ZKColumns shape;
-    shape["pkid"] = "INTEGER";
-    for (const auto& record : store_->zk_lookupTable(kTableName, shape)) {
-      const auto& row = std::get<ZKRow>(record);
-      if (auto pkid = row.find("pkid"); pkid != row.end()) ids.insert(zkToInt64(pkid->second));
-    }
-  });
-  return ids;
-}
-
 bool OVRequestCache::checkpoint() {
   if (!store_) return false;
   bool done = false;

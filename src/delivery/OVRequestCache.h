@@ -109,8 +109,6 @@ class OVRequestCache {
                        std::int64_t requestNumber);
   // Rows in the cache; with an id, the rows carrying that id.
   std::int64_t rowCount(const std::optional<std::string>& requestId = std::nullopt);
-  // The pkids of every cached row, read afresh.
-  std::unordered_set<std::int64_t> rowIds();
   // Moves the write-ahead log into the database file and empties it; true
   // when it did. For a clean exit: it never waits for, nor holds up, another
   // process using the cache (what that one still reads stays in the log).

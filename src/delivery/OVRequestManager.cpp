@@ -302,7 +302,6 @@ void OVRequestManager::freeSlots(int count) {
     std::lock_guard lock(drainMutex_);
     drainChanged_.notify_all();
   }
-  semaphore_.release(count);
   // Waiting envelopes take the freed slots; the loop never blocks, so it
   // may run on whichever thread freed them.
   sendPending();
@@ -333,8 +332,11 @@ void OVRequestManager::sendPending() {
       support::MutexLock lock(queueMutex_);
       if (requestQueue_.empty()) return;
       // Take a slot first: without one the envelope stays queued until a
-      // slot is freed and this loop runs again.
-      if (!semaphore_.try_acquire()) return;
+      // slot is freed and this loop runs again. Slots are only taken here,
+      // under queueMutex_, so the check and the increment cannot interleave
+      // with another taker.
+      if (inFlight_.load() >= kMaxInFlight) return;
+      ++inFlight_;
       pending = std::move(requestQueue_.front());
       requestQueue_.pop_front();
     }
@@ -363,7 +365,6 @@ void OVRequestManager::send(Pending pending) {
   std::shared_ptr<const protocol::EventRequest> logged;
   if (logEnabled()) logged = std::make_shared<const protocol::EventRequest>(eventRequest);
 
-  ++inFlight_;
   auto call = stub_->prepareFireEvent(
       std::move(eventRequest),
       [weak = weak_from_this(), pending = std::move(pending), logged = std::move(logged)](

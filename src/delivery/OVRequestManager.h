@@ -82,7 +82,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <semaphore>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -127,11 +126,10 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   static std::shared_ptr<OVRequestManager> create(Options options);
   ~OVRequestManager();
 
-  // Marks the calling thread as a producer about to submit(): while one is
-  // alive, replies leave their deletes to the next submit()'s commit (see
-  // the top of this file). A producer holds one around building and
-  // submitting an event, so replies landing while it builds the envelope
-  // do not hold up its insert with a delete of their own.
+  // Marks the calling thread as a producer about to submit(). It matters
+  // only while the acknowledgement log cannot be written and replies delete
+  // their rows themselves: while a producer is inside, they leave those
+  // deletes to its insert's commit instead of holding it up.
   class CallerScope {
    public:
     explicit CallerScope(OVRequestManager& manager) : manager_(manager) {
@@ -282,8 +280,9 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
   // Claim keys of rows queued, in flight, acknowledged but not yet deleted,
   // or whose delete failed (never sent again by this process).
   std::unordered_set<std::string> underWay_ GUARDED_BY(queueMutex_);
-  // A permit per call in flight or awaiting its row's delete.
-  std::counting_semaphore<kMaxInFlight> semaphore_{kMaxInFlight};
+  // Call slots taken: calls in flight, and (while the acknowledgement log
+  // cannot be written) calls awaiting their row's delete. Raised only by
+  // sendPending() under queueMutex_, lowered by freeSlots().
   std::atomic<int> inFlight_{0};
   std::atomic<bool> stopping_{false};
   std::atomic<bool> deleteFailureReported_{false};
