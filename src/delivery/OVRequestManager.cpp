@@ -307,7 +307,7 @@ void OVRequestManager::freeSlots(int count) {
   sendPending();
   if (inFlight_.load() > 0 || stopping_) return;
   // Idle: the rows acknowledged so far are deleted now rather than at the
-  // 256th acknowledgement or the next timer pass.
+  // 32nd acknowledgement or the next timer pass.
   bool pending = false;
   {
     support::MutexLock lock(recordedMutex_);

@@ -8,7 +8,7 @@
 // synced: it survives the process being killed). The reply takes no
 // database lock, so a caller's insert never waits behind it, and its slot
 // is free at once. The log is folded, its rows deleted in one transaction,
-// on the manager's queue after every 256 acknowledgements of this process,
+// on the manager's queue after every 32 acknowledgements of this process,
 // when delivery falls idle, at each timer pass and at start-up (a fold of
 // what an earlier process left). A row recorded but not yet deleted stays claimed (and leased) by
 // its process until that process's next fold; a row read from the cache
@@ -188,7 +188,7 @@ class OVRequestManager : public std::enable_shared_from_this<OVRequestManager> {
 
   static constexpr int kMaxInFlight = 3;
   // Acknowledgements recorded before their rows are deleted in one batch.
-  static constexpr std::size_t kFoldAcks = 256;
+  static constexpr std::size_t kFoldAcks = 32;
   // Rows read from the cache at a time, and the queue length below which
   // the next page is read: the envelopes in memory stay this few, however
   // many rows are cached.
