@@ -65,6 +65,14 @@ class VELQUIN_EXPORT Velquin {
   static void setCrashCaptureChainsHostHandlerFirst(bool enabled);
   // Note the inversion: the delivery log switch is set to !enabled.
   void setAnalyticsLogs(bool enabled);
+  // How long a normal exit (return from main, exit()) waits for the replies
+  // of events in flight, so that the next start does not send them again
+  // (default 1000 ms; 0: no wait). Never used when the process crashes.
+  // Any thread, at any time.
+  static void setExitDrainMilliseconds(long milliseconds);
+  // The most events the cache keeps while they cannot be sent (default
+  // 500000; 0: no cap); past it the oldest are dropped. Any thread.
+  static void setEventCacheCap(long events);
 
   // The user id held by the device information (empty before start-up set one).
   std::string getAppUserId() const;

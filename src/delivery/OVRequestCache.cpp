@@ -1,6 +1,7 @@
 #include "delivery/OVRequestCache.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "delivery/EventEnvelope.h"
 #include "support/Console.h"
@@ -81,20 +82,6 @@ std::optional<std::int64_t> OVRequestCache::largestRequestId() {
   return largest;
 }
 
-std::unordered_set<std::int64_t> OVRequestCache::rowIds() {
-  std::unordered_set<std::int64_t> ids;
-  if (!store_) return ids;
-  store_->zk_inDatabase([&] {
-    ZKColumns shape;
-    shape["pkid"] = "INTEGER";
-    for (const auto& record : store_->zk_lookupTable(kTableName, shape)) {
-      const auto& row = std::get<ZKRow>(record);
-      if (auto pkid = row.find("pkid"); pkid != row.end()) ids.insert(zkToInt64(pkid->second));
-    }
-  });
-  return ids;
-}
-
 bool OVRequestCache::checkpoint() {
   if (!store_) return false;
   bool done = false;
@@ -122,6 +109,15 @@ std::optional<std::int64_t> OVRequestCache::addRequest(
       return;
     }
     rowId = store_->lastInsertRowId();
+    // Over the cap the oldest rows go in the same commit. Row ids only
+    // grow while rows remain, so the ones `cap` or more below the new row
+    // are the oldest, and at most `cap` rows stay; the range delete costs
+    // one seek when there is nothing to drop.
+    if (const std::int64_t cap = rowCap_.load(); cap > 0 && *rowId > cap) {
+      if (store_->zk_executePrepared("DELETE FROM user WHERE pkid <= ?", {*rowId - cap})) {
+        if (const std::int64_t gone = store_->zk_changes(); gone > 0) dropped_ += gone;
+      }
+    }
     if (inserted) inserted(*rowId);
   });
   if (!committed) return std::nullopt;
@@ -147,6 +143,49 @@ bool OVRequestCache::deleteRows(const std::vector<std::int64_t>& rowIds) {
     }
   });
   return deleted;
+}
+
+bool OVRequestCache::deleteAcknowledged(const std::vector<AckLog::Entry>& entries) {
+  if (!store_) return false;
+  if (entries.empty()) return true;
+  std::unordered_map<std::int64_t, std::uint64_t> hashes;
+  for (const auto& entry : entries) hashes[entry.rowId] = entry.idHash;
+  return store_->zk_inTransaction([&](bool& rollback) {
+    std::string where = "WHERE pkid IN (";
+    ZKArgs args;
+    for (const auto& [rowId, hash] : hashes) {
+      where += args.empty() ? "%@" : ",%@";
+      args.emplace_back(rowId);
+    }
+    where += ")";
+    ZKColumns shape;
+    shape["pkid"] = "INTEGER";
+    shape["requestId"] = "TEXT";
+    std::vector<std::int64_t> matching;
+    for (const auto& record : store_->zk_lookupTable(kTableName, shape, where, args)) {
+      const auto& row = std::get<ZKRow>(record);
+      auto pkid = row.find("pkid");
+      auto id = row.find("requestId");
+      if (pkid == row.end()) continue;
+      const std::int64_t rowId = zkToInt64(pkid->second);
+      const std::string text =
+          id == row.end() ? std::string() : zkToText(id->second).value_or(std::string());
+      if (hashes[rowId] == AckLog::hashOf(text)) matching.push_back(rowId);
+    }
+    constexpr std::size_t kBatch = 8;
+    for (std::size_t first = 0; first < matching.size(); first += kBatch) {
+      const std::size_t count = std::min(kBatch, matching.size() - first);
+      std::string sql = "DELETE FROM user WHERE pkid IN (?";
+      for (std::size_t i = 1; i < count; ++i) sql += ",?";
+      sql += ")";
+      ZKArgs ids(matching.begin() + static_cast<std::ptrdiff_t>(first),
+                 matching.begin() + static_cast<std::ptrdiff_t>(first + count));
+      if (!store_->zk_executePrepared(sql, ids)) {
+        rollback = true;
+        return;
+      }
+    }
+  });
 }
 
 void OVRequestCache::deleteRequest(const std::optional<std::string>& requestId) {
@@ -182,6 +221,39 @@ void OVRequestCache::allRequestsFromFmdbWihtClass(const ZKModelDescription& rowM
     }
     if (finishBlock) finishBlock(requests);
   });
+}
+
+void OVRequestCache::requestsAfter(std::int64_t after, int limit, const PageBlock& block) {
+  if (!store_) return;
+  store_->zk_inDatabase([&] {
+    std::vector<std::shared_ptr<OVRequest>> requests;
+    std::size_t read = 0;
+    for (auto& record : store_->zk_lookupTable(kTableName, OVRequest::zk_model(),
+                                               "WHERE pkid > %@ ORDER BY pkid LIMIT %@",
+                                               {after, static_cast<std::int64_t>(limit)})) {
+      ++read;
+      auto* object = std::get_if<std::shared_ptr<ZKModelObject>>(&record);
+      if (!object) continue;
+      if (auto request = std::dynamic_pointer_cast<OVRequest>(*object)) {
+        requests.push_back(std::move(request));
+      }
+    }
+    if (block) block(requests, read < static_cast<std::size_t>(limit));
+  });
+}
+
+std::unordered_set<std::int64_t> OVRequestCache::existingRows(
+    const std::vector<std::int64_t>& rowIds) {
+  std::unordered_set<std::int64_t> existing;
+  if (!store_ || rowIds.empty()) return existing;
+  std::string sql = "SELECT pkid FROM user WHERE pkid IN (?";
+  for (std::size_t i = 1; i < rowIds.size(); ++i) sql += ",?";
+  sql += ")";
+  const ZKArgs args(rowIds.begin(), rowIds.end());
+  store_->zk_inDatabase([&] {
+    for (std::int64_t id : store_->zk_queryIntegers(sql, args)) existing.insert(id);
+  });
+  return existing;
 }
 
 bool OVRequestCache::writeFatalCrash(const std::optional<std::string>& description,

@@ -17,6 +17,7 @@
 // inside it is allowed (it runs inline) but blocks the queue meanwhile.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -24,6 +25,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "delivery/AckLog.h"
 #include "delivery/OVRequest.h"
 #include "delivery/ZKFMDB.h"
 
@@ -33,6 +35,9 @@ class OVRequestCache {
  public:
   static constexpr const char* kTableName = "user";
   static constexpr const char* kFatalCrashEventName = "falal_crash";
+  // Rows kept at most unless the host sets another cap: about 60 MB of
+  // typical events, days of a busy app's analytics with the backend down.
+  static constexpr std::int64_t kDefaultRowCap = 500000;
 
   // Over ZKFMDB::shareDatabase(); made by the composition root.
   static OVRequestCache& shared();
@@ -48,6 +53,13 @@ class OVRequestCache {
                   : std::filesystem::path();
   }
 
+  // The acknowledgement log next to the database (AckLog); empty without a
+  // store.
+  std::filesystem::path ackFile() const {
+    return store_ ? std::filesystem::path(store_->dbPath().string() + ".acks")
+                  : std::filesystem::path();
+  }
+
   // Inserts the envelope's row and returns its pkid; none when the row
   // could not be written (the store logs why). `inserted`, when given, runs
   // on the database queue inside the insert's transaction, before any other
@@ -55,6 +67,27 @@ class OVRequestCache {
   // transaction then fails to commit the result is none.
   std::optional<std::int64_t> addRequest(
       const OVRequest& request, const std::function<void(std::int64_t rowId)>& inserted = nullptr);
+  // The cap on cached rows (0: none) of every cache of the process, applied
+  // by every insert: the rows whose pkid is `cap` or more below the new
+  // row's go, oldest first, so at most `cap` rows stay. Any thread, also
+  // before any cache exists.
+  static void setRowCap(std::int64_t rows) { rowCap_ = rows < 0 ? 0 : rows; }
+  static std::int64_t rowCap() { return rowCap_.load(); }
+  // Rows dropped over the cap since the last call.
+  std::int64_t takeDropped() { return dropped_.exchange(0); }
+  using PageBlock =
+      std::function<void(const std::vector<std::shared_ptr<OVRequest>>& rows, bool last)>;
+  // Up to `limit` rows with a pkid above `after`, in pkid order, restored as
+  // allRequestsFromFmdbWihtClass does; `last` when no row follows them.
+  // `block` runs on the database queue (nothing is written meanwhile); not
+  // called without a store.
+  void requestsAfter(std::int64_t after, int limit, const PageBlock& block);
+  // Which of these pkids are still cached.
+  std::unordered_set<std::int64_t> existingRows(const std::vector<std::int64_t>& rowIds);
+  // Deletes, in one transaction, the acknowledged rows whose request id
+  // still hashes to the recorded one (a row replaced since keeps its
+  // place); true when it committed.
+  bool deleteAcknowledged(const std::vector<AckLog::Entry>& entries);
   // Deletes the rows with this id. Ids are decimal numbers compared as
   // numbers; any other id (or none) deletes nothing.
   void deleteRequest(const std::optional<std::string>& requestId);
@@ -77,8 +110,6 @@ class OVRequestCache {
                        std::int64_t requestNumber);
   // Rows in the cache; with an id, the rows carrying that id.
   std::int64_t rowCount(const std::optional<std::string>& requestId = std::nullopt);
-  // The pkids of every cached row, read afresh.
-  std::unordered_set<std::int64_t> rowIds();
   // Moves the write-ahead log into the database file and empties it; true
   // when it did. For a clean exit: it never waits for, nor holds up, another
   // process using the cache (what that one still reads stays in the log).
@@ -88,6 +119,8 @@ class OVRequestCache {
 
  private:
   ZKFMDB* const store_;  // not owned; immutable; null when the store is absent
+  static inline std::atomic<std::int64_t> rowCap_{kDefaultRowCap};
+  std::atomic<std::int64_t> dropped_{0};
 };
 
 }  // namespace velquin

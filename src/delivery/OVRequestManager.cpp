@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <unordered_map>
 
 #include "delivery/OVRequestCache.h"
 #include "support/Console.h"
@@ -21,10 +22,104 @@ bool noAnswer(const std::optional<Error>& error, bool cancelledBySdk) {
          (error->code == grpc::StatusCode::CANCELLED && cancelledBySdk);
 }
 
+// The exit handler's bound on waiting for replies, in milliseconds.
+std::atomic<std::int64_t> exitDrainMs{1000};
+
 }  // namespace
 
 std::shared_ptr<OVRequestManager> OVRequestManager::create(Options options) {
-  return std::shared_ptr<OVRequestManager>(new OVRequestManager(std::move(options)));
+  auto manager = std::shared_ptr<OVRequestManager>(new OVRequestManager(std::move(options)));
+  // Acknowledgements an earlier process left: their rows go in one delete,
+  // off the caller's thread.
+  if (manager->acks_ && !manager->acks_->empty()) {
+    {
+      support::MutexLock lock(manager->recordedMutex_);
+      manager->foldScheduled_ = true;
+    }
+    manager->addDelQueue_.async([weak = manager->weak_from_this()] {
+      if (auto self = weak.lock()) self->foldAcknowledgements();
+    });
+  }
+  return manager;
+}
+
+void OVRequestManager::setExitDrainBound(std::chrono::milliseconds bound) {
+  exitDrainMs = std::max<std::int64_t>(0, bound.count());
+}
+
+std::chrono::milliseconds OVRequestManager::exitDrainBound() {
+  return std::chrono::milliseconds(exitDrainMs.load());
+}
+
+void OVRequestManager::drainInFlight(std::chrono::milliseconds bound) {
+  if (bound.count() <= 0) return;
+  stopping_ = true;  // no new call starts; what waits stays cached
+  std::unique_lock lock(drainMutex_);
+  drainChanged_.wait_for(lock, bound, [this] { return inFlight_.load() <= 0; });
+}
+
+bool OVRequestManager::recordAcknowledged(const std::string& key, std::int64_t rowId,
+                                          const std::string& requestId) {
+  if (!acks_ || !acks_->append(rowId, requestId)) return false;
+  // Listed only after the write: a fold that takes this list has the
+  // record in the log it reads (or the row was folded already).
+  bool fold = false;
+  {
+    support::MutexLock lock(recordedMutex_);
+    recorded_.push_back(Recorded{key, rowId});
+    fold = recorded_.size() >= kFoldAcks && !foldScheduled_;
+    if (fold) foldScheduled_ = true;
+  }
+  if (fold) {
+    addDelQueue_.async([weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->foldAcknowledgements();
+    });
+  }
+  return true;
+}
+
+void OVRequestManager::scheduleFold() {
+  {
+    support::MutexLock lock(recordedMutex_);
+    if (foldScheduled_) return;
+    foldScheduled_ = true;
+  }
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->foldAcknowledgements();
+  });
+}
+
+void OVRequestManager::foldAcknowledgements() {
+  if (!acks_ || !options_.cache || !options_.cache->isAvailable()) return;
+  support::MutexLock folding(foldMutex_);
+  std::vector<Recorded> settled;
+  {
+    // Taken before the log is read: each of these is in what the fold
+    // reads, or was folded by someone earlier.
+    support::MutexLock lock(recordedMutex_);
+    settled.swap(recorded_);
+    foldScheduled_ = false;
+  }
+  const bool folded = acks_->fold([this](const std::vector<AckLog::Entry>& entries) {
+    return options_.cache->deleteAcknowledged(entries);
+  });
+  if (!folded) {
+    reportFailedDelete(settled.size());  // claims stay: never sent again here
+    support::MutexLock lock(recordedMutex_);
+    recorded_.insert(recorded_.begin(), settled.begin(), settled.end());
+    return;
+  }
+  support::MutexLock lock(queueMutex_);
+  for (const auto& entry : settled) {
+    underWay_.erase(entry.key);
+    if (leases_) leases_->release(entry.rowId);
+  }
+}
+
+void OVRequestManager::drainSharedAtExit() {
+  const auto bound = exitDrainBound();
+  if (bound.count() <= 0) return;
+  sharedPointer()->drainInFlight(bound);
 }
 
 OVRequestManager::OVRequestManager(Options options)
@@ -33,6 +128,7 @@ OVRequestManager::OVRequestManager(Options options)
                                          options_.headers)) {
   if (options_.cache && options_.cache->isAvailable()) {
     leases_ = std::make_unique<RowLeases>(options_.cache->leaseFile());
+    acks_ = std::make_unique<AckLog>(options_.cache->ackFile());
   }
 }
 
@@ -64,6 +160,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
   if (!request) return false;
   const bool credentials = hasCredentials();
   std::optional<std::int64_t> rowId;
+  bool leftToSweep = false;
   if (options_.cache && options_.cache->isAvailable()) {
     // Claimed on the database queue, before any upload of this process can
     // read the row: the upload then skips it.
@@ -72,13 +169,23 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     std::vector<Acknowledged> taken;
     bool takenDeleted = false;
     CallerScope inside(*this);
-    claim = [this, credentials, &claimed, &taken, &takenDeleted](std::int64_t row) {
-      if (credentials) {
+    const bool withBlocks = success || failure;
+    claim = [this, credentials, withBlocks, &claimed, &taken, &takenDeleted](std::int64_t row) {
+      {
         support::MutexLock lock(queueMutex_);
-        underWay_.insert("row:" + std::to_string(row));
-        // Not yet visible to any other process: the lease is free.
-        if (leases_) leases_->acquire(row);
-        claimed = row;
+        // Queued at once only while the queue is short and the backend
+        // answers; otherwise the row waits in the cache for the sweep
+        // (decided here, on the database queue, where the sweep reads).
+        // Blocks must be told, so their envelope is always queued.
+        if (credentials && (withBlocks || (!silent_ && !backlog_ &&
+                                           requestQueue_.size() < kPageRows))) {
+          underWay_.insert("row:" + std::to_string(row));
+          // Not yet visible to any other process: the lease is free.
+          if (leases_) leases_->acquire(row);
+          claimed = row;
+        } else {
+          backlog_ = true;
+        }
       }
       // Rows acknowledged meanwhile leave in this same commit: a reply
       // never makes the caller wait for a delete of its own.
@@ -86,6 +193,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
       if (!taken.empty()) takenDeleted = options_.cache->deleteRows(rowsOf(taken));
     };
     rowId = options_.cache->addRequest(*request, claim);
+    leftToSweep = rowId && !claimed;
     if (claimed && !rowId) {
       // The insert did not commit: the row does not exist after all.
       OVRequest gone;
@@ -112,6 +220,10 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
   }
   request->setRowId(rowId);
   if (!credentials) return rowId.has_value();
+  if (leftToSweep) {
+    maybeReadPage();  // left to the sweep
+    return true;
+  }
   if (!rowId) {
     // Not durable: sent from memory only. Claimed by its request id, which
     // is unique within this process.
@@ -119,7 +231,7 @@ bool OVRequestManager::submit(std::shared_ptr<OVRequest> request, SuccessBlock s
     underWay_.insert(claimKey(*request));
   }
   std::vector<Pending> pending;
-  pending.push_back(Pending{std::move(request), std::move(success), std::move(failure)});
+  pending.push_back(Pending{std::move(request), std::move(success), std::move(failure), nullptr});
   enqueueClaimed(std::move(pending));
   return rowId.has_value();
 }
@@ -130,7 +242,7 @@ void OVRequestManager::enqueueRequest(std::shared_ptr<OVRequest> request, Succes
   if (!hasCredentials()) return;
   addDelQueue_.async(
       [weak = weak_from_this(),
-       pending = Pending{std::move(request), std::move(success), std::move(failure)}]() mutable {
+       pending = Pending{std::move(request), std::move(success), std::move(failure), nullptr}]() mutable {
         auto self = weak.lock();
         if (!self) return;
         {
@@ -186,11 +298,22 @@ bool OVRequestManager::leaseClaimedLocked(const OVRequest& request, const std::s
 
 void OVRequestManager::freeSlots(int count) {
   if (count <= 0) return;
-  inFlight_ -= count;
-  semaphore_.release(count);
+  if ((inFlight_ -= count) == 0) {
+    std::lock_guard lock(drainMutex_);
+    drainChanged_.notify_all();
+  }
   // Waiting envelopes take the freed slots; the loop never blocks, so it
   // may run on whichever thread freed them.
   sendPending();
+  if (inFlight_.load() > 0 || stopping_) return;
+  // Idle: the rows acknowledged so far are deleted now rather than at the
+  // 32nd acknowledgement or the next timer pass.
+  bool pending = false;
+  {
+    support::MutexLock lock(recordedMutex_);
+    pending = !recorded_.empty();
+  }
+  if (pending) scheduleFold();
 }
 
 std::shared_ptr<const DeviceFacts> OVRequestManager::currentFacts() {
@@ -209,32 +332,39 @@ void OVRequestManager::sendPending() {
       support::MutexLock lock(queueMutex_);
       if (requestQueue_.empty()) return;
       // Take a slot first: without one the envelope stays queued until a
-      // slot is freed and this loop runs again.
-      if (!semaphore_.try_acquire()) return;
+      // slot is freed and this loop runs again. Slots are only taken here,
+      // under queueMutex_, so the check and the increment cannot interleave
+      // with another taker.
+      if (inFlight_.load() >= kMaxInFlight) return;
+      ++inFlight_;
       pending = std::move(requestQueue_.front());
       requestQueue_.pop_front();
     }
+    maybeReadPage();  // reads ahead when the queue runs low
     send(std::move(pending));
   }
 }
 
 void OVRequestManager::send(Pending pending) {
   auto& request = *pending.request;
-  if (request.paramStr() && !request.params()) {
+  if (!pending.built && request.paramStr() && !request.params()) {
     std::string why;
     if (!request.restoreParamsFromParamStr(why)) support::printLine("json parsing failed " + why);
   }
-  const std::shared_ptr<const DeviceFacts> facts = currentFacts();
-  const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
-  static const nlohmann::json kNoParams = nlohmann::json::object();
-  auto eventRequest = buildEventRequest(request.params() ? *request.params() : kNoParams, *facts,
-                                        identity);
+  if (!pending.built) {
+    // Built once per row in this process; its retries send the same request.
+    const std::shared_ptr<const DeviceFacts> facts = currentFacts();
+    const EventIdentity identity = options_.identity ? options_.identity() : EventIdentity{};
+    static const nlohmann::json kNoParams = nlohmann::json::object();
+    pending.built = std::make_shared<const protocol::EventRequest>(buildEventRequest(
+        request.params() ? *request.params() : kNoParams, *facts, identity));
+  }
+  protocol::EventRequest eventRequest = *pending.built;
   // The request goes to the call as it is; a copy is kept only for the
   // log line, when the log is on.
   std::shared_ptr<const protocol::EventRequest> logged;
   if (logEnabled()) logged = std::make_shared<const protocol::EventRequest>(eventRequest);
 
-  ++inFlight_;
   auto call = stub_->prepareFireEvent(
       std::move(eventRequest),
       [weak = weak_from_this(), pending = std::move(pending), logged = std::move(logged)](
@@ -255,6 +385,15 @@ void OVRequestManager::handleReply(const Pending& pending,
   const auto& request = pending.request;
   const std::string id = request->requestIdText();
   const std::string key = claimKey(*request);
+  if (reply && silent_.exchange(false)) {
+    // The backend answers again: sweep the cache from its first row.
+    {
+      support::MutexLock lock(queueMutex_);
+      backlog_ = true;
+      sweepCursor_ = 0;
+    }
+    maybeReadPage();
+  }
   if (reply) {
     // Any reply counts as accepted, whatever its status. The slot stays
     // taken until the row's delete has committed.
@@ -267,6 +406,14 @@ void OVRequestManager::handleReply(const Pending& pending,
       }
       if (pending.success) pending.success(response);
     };
+    // A cached row is recorded in the acknowledgement log: one write, no
+    // database lock. Its slot is free at once; its claim (and lease) stay
+    // until a fold has deleted the row.
+    if (request->rowId() && recordAcknowledged(key, *request->rowId(), id)) {
+      freeSlots(1);
+      after();
+      return;
+    }
     Acknowledged entry{key, request->rowId(), id, std::move(after)};
     {
       // While a caller is inside submit(), its commit takes the row along
@@ -296,6 +443,7 @@ void OVRequestManager::handleReply(const Pending& pending,
   }
 
   const bool reachable = !options_.isReachable || options_.isReachable();
+  if (noAnswer(error, stopping_)) silent_ = true;
   if (reachable && request->retryCount() >= 1) {
     // Retried at once, still claimed, behind whatever waits already.
     request->reduceRetryCount();
@@ -305,7 +453,7 @@ void OVRequestManager::handleReply(const Pending& pending,
       // failure block: nothing has reported yet, so it stays for the
       // acknowledgement (still reported at most once).
       requestQueue_.push_back(
-          Pending{request, pending.failure ? nullptr : pending.success, nullptr});
+          Pending{request, pending.failure ? nullptr : pending.success, nullptr, pending.built});
     }
   } else if (reachable && !noAnswer(error, stopping_)) {
     // Out of retries and the backend answered each time: given up.
@@ -456,40 +604,141 @@ void OVRequestManager::uploadCacheData(SuccessBlock success, FailureBlock failur
     facts_.reset();  // storage sizes and the screen may have changed
   }
   if (!options_.cache || !options_.cache->isAvailable()) return;
-  if (!hasCredentials()) return;  // the rows wait for the next upload
-  std::vector<std::shared_ptr<OVRequest>> claimed;
-  options_.cache->allRequestsFromFmdbWihtClass(
-      OVRequest::zk_model(),
-      [&](const std::optional<std::vector<std::shared_ptr<OVRequest>>>& restored) {
-        if (!restored) return;
-        // Claimed while still on the database queue: a row whose reply and
-        // delete land after this read is still claimed here, and one whose
-        // delete committed before it is not in the result.
-        support::MutexLock lock(queueMutex_);
-        for (const auto& row : *restored) {
-          const std::string key = claimKey(*row);
-          if (key.empty()) {
-            claimed.push_back(row);
-          } else if (underWay_.insert(key).second && leaseClaimedLocked(*row, key)) {
-            claimed.push_back(row);
-          }
-        }
-      });
-  if (claimed.empty()) return;
-  // A process sharing the file releases a row's lease only after its delete
-  // has committed: a row read before that delete but leased after it is
-  // gone now, and must not be sent again.
-  const auto existing = options_.cache->rowIds();
-  std::vector<Pending> pending;
-  pending.reserve(claimed.size());
-  for (auto& row : claimed) {
-    if (row->rowId() && !existing.count(*row->rowId())) {
-      release(*row);
-      continue;
-    }
-    pending.push_back(Pending{std::move(row), success, failure});
+  if (const std::int64_t dropped = options_.cache->takeDropped(); dropped > 0) {
+    support::warn("request cache: " + std::to_string(dropped) +
+                  " oldest event(s) dropped to stay within the cap of " +
+                  std::to_string(options_.cache->rowCap()) + " rows");
   }
-  enqueueClaimed(std::move(pending));
+  if (acks_ && !acks_->empty()) scheduleFold();
+  if (!hasCredentials()) return;  // the rows wait for the next upload
+  // Nothing can be sent: the pass costs a reachability test and no read.
+  if (options_.isReachable && !options_.isReachable()) return;
+  {
+    support::MutexLock lock(queueMutex_);
+    sweepSuccess_ = std::move(success);
+    sweepFailure_ = std::move(failure);
+    if (!silent_ && !backlog_) {
+      backlog_ = true;
+      sweepCursor_ = 0;
+    }
+  }
+  // While the backend gave no answer, one row probes it; its reply starts
+  // the sweep again.
+  if (silent_) {
+    readPage(1, true);
+  } else {
+    maybeReadPage(true);
+  }
+}
+
+void OVRequestManager::maybeReadPage(bool now) {
+  {
+    support::MutexLock lock(queueMutex_);
+    if (!backlog_ || pageScheduled_ || silent_ || stopping_ ||
+        requestQueue_.size() >= kLowWater) {
+      return;
+    }
+    pageScheduled_ = true;
+  }
+  if (now) {
+    readPage(kPageRows, false);
+    return;
+  }
+  addDelQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->readPage(kPageRows, false);
+  });
+}
+
+void OVRequestManager::readPage(int limit, bool probe) {
+  std::vector<std::shared_ptr<OVRequest>> claimed;
+  SuccessBlock success;
+  FailureBlock failure;
+  bool last = false;
+  // Pages of rows all claimed already (in flight, or sent by another
+  // process) are passed over; those are at most a few pages.
+  while (claimed.empty() && !last && hasCredentials()) {
+    std::int64_t after = 0;
+    if (!probe) {
+      support::MutexLock lock(queueMutex_);
+      after = sweepCursor_;
+    }
+    bool read = false;
+    options_.cache->requestsAfter(
+        after, limit, [&](const std::vector<std::shared_ptr<OVRequest>>& rows, bool end) {
+          read = true;
+          last = end || probe;
+          // Claimed while still on the database queue: a row whose delete
+          // committed before this read is not in it, and one deleted after
+          // it is claimed until its delete has committed.
+          support::MutexLock lock(queueMutex_);
+          for (const auto& row : rows) {
+            const std::string key = claimKey(*row);
+            if (key.empty() || (underWay_.insert(key).second && leaseClaimedLocked(*row, key))) {
+              claimed.push_back(row);
+            }
+          }
+          if (probe) return;
+          if (!rows.empty() && rows.back()->rowId()) sweepCursor_ = *rows.back()->rowId();
+          if (end) {
+            backlog_ = false;
+            sweepCursor_ = 0;
+          }
+        });
+    if (!read) break;
+  }
+  {
+    support::MutexLock lock(queueMutex_);
+    if (!probe) pageScheduled_ = false;
+    success = sweepSuccess_;
+    failure = sweepFailure_;
+  }
+  if (!claimed.empty()) {
+    // A process sharing the file releases a row's lease only after its
+    // delete has committed: a row read before that delete but leased after
+    // it is gone now, and must not be sent again.
+    // A process that died left acknowledgements of rows it had leased: read
+    // after the leases were taken, the log has them (or a fold deleted the
+    // rows, which the check below sees). They are not sent again; they stay
+    // claimed until this process's next fold deletes them.
+    if (acks_ && !acks_->empty()) {
+      std::unordered_set<std::int64_t> acknowledged;
+      std::unordered_map<std::int64_t, std::uint64_t> hashes;
+      for (const auto& entry : acks_->read()) hashes[entry.rowId] = entry.idHash;
+      std::vector<Recorded> skipped;
+      std::erase_if(claimed, [&](const std::shared_ptr<OVRequest>& row) {
+        if (!row->rowId()) return false;
+        auto hash = hashes.find(*row->rowId());
+        if (hash == hashes.end() || hash->second != AckLog::hashOf(row->requestIdText())) {
+          return false;
+        }
+        skipped.push_back(Recorded{claimKey(*row), *row->rowId()});
+        return true;
+      });
+      if (!skipped.empty()) {
+        {
+          support::MutexLock lock(recordedMutex_);
+          recorded_.insert(recorded_.end(), skipped.begin(), skipped.end());
+        }
+        scheduleFold();
+      }
+    }
+    std::vector<std::int64_t> ids;
+    for (const auto& row : claimed) {
+      if (row->rowId()) ids.push_back(*row->rowId());
+    }
+    const auto existing = options_.cache->existingRows(ids);
+    std::vector<Pending> pending;
+    pending.reserve(claimed.size());
+    for (auto& row : claimed) {
+      if (row->rowId() && !existing.count(*row->rowId())) {
+        release(*row);
+        continue;
+      }
+      pending.push_back(Pending{std::move(row), success, failure, nullptr});
+    }
+    enqueueClaimed(std::move(pending));
+  }
+  if (!probe) maybeReadPage();
 }
 
 }  // namespace velquin

@@ -292,7 +292,24 @@ void ZKFMDB::checkpointPassive() {
     // Copies what it can without waiting for anyone; writers go on
     // meanwhile, and the log starts over at the first write after it has
     // been copied in full.
-    checkpointDb_->exec("PRAGMA wal_checkpoint(PASSIVE)");
+    int logFrames = 0;
+    {
+      SQLite::Statement passive(*checkpointDb_, "PRAGMA wal_checkpoint(PASSIVE)");
+      if (passive.executeStep()) logFrames = passive.getColumn(1).getInt();
+    }
+    // Under a steady stream of commits the log is never copied in full
+    // before the next one lands, so it never starts over and grows without
+    // end. Past twice the mark, the rest is copied with writers held off
+    // for that short copy, and the log is emptied.
+    if (logFrames >= 2 * kCheckpointFrames) {
+      checkpointDb_->setBusyTimeout(kRestartWaitMs);
+      try {
+        checkpointDb_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
+      } catch (const SQLite::Exception&) {
+        // Busy: the next checkpoint tries again.
+      }
+      checkpointDb_->setBusyTimeout(kBusyTimeoutMs);
+    }
   } catch (const SQLite::Exception& error) {
     checkpointDb_.reset();  // opened afresh next time
     support::warn(std::string("ZKFMDB: checkpoint failed: ") + error.what());
@@ -431,6 +448,10 @@ bool ZKFMDB::openFileLocked(bool& corrupt, std::string& reason) {
     // fails here with SQLITE_NOTADB.
     db->exec("PRAGMA journal_mode=WAL");
     db->exec("PRAGMA synchronous=NORMAL");
+    // A log that grew while readers held it back is cut back to about twice
+    // the checkpoint mark when a writer next starts it over, instead of
+    // keeping its largest size on disk.
+    db->exec("PRAGMA journal_size_limit=" + std::to_string(2 * kCheckpointFrames * 4096));
     // No checkpoint inside a commit: the hook replaces SQLite's automatic
     // one and hands the work to the checkpoint thread.
     sqlite3_wal_hook(db->getHandle(), &ZKFMDB::walCommitted, this);
@@ -764,6 +785,25 @@ bool ZKFMDB::zk_checkpointWithoutWaiting() {
 
 bool ZKFMDB::zk_executePrepared(const std::string& sql, const ZKArgs& args) {
   return executeCached("statement", sql, args);
+}
+
+std::vector<std::int64_t> ZKFMDB::zk_queryIntegers(const std::string& sql, const ZKArgs& args) {
+  std::vector<std::int64_t> values;
+  guarded("query", false, [&] {
+    SQLite::Statement& statement = cachedLocked(sql);
+    for (std::size_t i = 0; i < args.size(); ++i) {
+      bindValue(statement, static_cast<int>(i + 1), args[i]);
+    }
+    while (statement.executeStep()) values.push_back(statement.getColumn(0).getInt64());
+    statement.reset();
+    return true;
+  });
+  return values;
+}
+
+std::int64_t ZKFMDB::zk_changes() {
+  std::lock_guard lock(mutex_);
+  return db_ ? static_cast<std::int64_t>(sqlite3_changes64(db_->getHandle())) : 0;
 }
 
 bool ZKFMDB::executeCached(const char* what, const std::string& sql, const ZKArgs& args) {

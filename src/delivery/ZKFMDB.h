@@ -203,6 +203,11 @@ class ZKFMDB {
   // Runs one statement with `args` bound to its "?" parameters, kept
   // prepared for the next call with the same text (hot paths).
   bool zk_executePrepared(const std::string& sql, const ZKArgs& args);
+  // Runs a query with `args` bound, kept prepared; the first column of each
+  // result row as an integer (NULL reads as 0). Empty on failure.
+  std::vector<std::int64_t> zk_queryIntegers(const std::string& sql, const ZKArgs& args = {});
+  // Rows changed by the last insert, update or delete of this connection.
+  std::int64_t zk_changes();
 
   // --- queue --------------------------------------------------------------
   // Runs `block` on the serial database queue and waits for it.
@@ -234,6 +239,9 @@ class ZKFMDB {
   // Log frames after which a commit schedules a checkpoint (SQLite's own
   // automatic checkpoint would run inside that commit, at the same size).
   static constexpr int kCheckpointFrames = 1000;
+  // How long the checkpoint thread waits for writers and readers when the
+  // log has grown past twice the mark.
+  static constexpr int kRestartWaitMs = 100;
   // SQLite's commit hook for the log (sqlite3_wal_hook); runs on the
   // committing thread.
   static int walCommitted(void* self, sqlite3* db, const char* name, int frames);

@@ -6,6 +6,7 @@
 // page presenter and analytics.
 //
 // Every object made here lives for the process and is never torn down.
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
 
@@ -81,7 +82,11 @@ std::shared_ptr<OVRequestManager> OVRequestManager::sharedPointer() {
       return EventHeaders{helper.appKey(), helper.tag()};
     };
     options.logEnabled = [] { return OVDeviceInfoManager::shared().log.load(); };
-    return create(std::move(options));
+    auto manager = create(std::move(options));
+    // A normal exit waits, boundedly, for the replies in flight. Registered
+    // after the channel exists, so it runs before the TLS library's exit.
+    std::atexit([] { OVRequestManager::drainSharedAtExit(); });
+    return manager;
   }());
   return *instance;
 }

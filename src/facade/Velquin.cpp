@@ -8,6 +8,8 @@
 #include "backend/GRPCserviceManager.h"
 #include "crash/CrashReporter.h"
 #include "crash/CrashSignalHandler.h"
+#include "delivery/OVRequestCache.h"
+#include "delivery/OVRequestManager.h"
 #include "facade/CompositionRoot.h"
 #include "notifications/OVNotificationUtil.h"
 #include "purchases/OVDataCache.h"
@@ -101,6 +103,14 @@ void Velquin::setPurchasesLogs(bool enabled) {
 
 void Velquin::setCrashCaptureChainsHostHandlerFirst(bool enabled) {
   CrashReporter::setChainsHostHandlerFirst(enabled);
+}
+
+void Velquin::setExitDrainMilliseconds(long milliseconds) {
+  OVRequestManager::setExitDrainBound(std::chrono::milliseconds(milliseconds));
+}
+
+void Velquin::setEventCacheCap(long events) {
+  OVRequestCache::setRowCap(events);
 }
 
 void Velquin::setAnalyticsLogs(bool enabled) {

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "SandboxFixture.h"
+#include "support/ChildProcess.h"
 
 namespace velquin::testing {
 namespace {
@@ -159,6 +160,35 @@ TEST_F(Durability, EveryAcknowledgedEventArrivesAfterAKill) {
   EXPECT_EQ(twiceByRestarted, 0);
   EXPECT_LE(resentAfterKill, 3);
   EXPECT_EQ(duplicates, resentAfterKill);
+}
+
+TEST_F(Durability, ANormalExitWaitsForTheCallsInFlightAndTheNextStartSendsNoneAgain) {
+  // Every answer comes a second late: the host's three calls are still in
+  // flight when it returns from main.
+  sandbox::FaultOptions slow;
+  slow.delayMs = 1000;
+  server->setFaults(slow);
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the SDK's singletons live for the process
+  auto exited = ChildProcess::run((binDir() / "exiting_host").string(),
+                                  {env.bundleDir().string(), "0", "3", "60000"},
+                                  std::chrono::seconds(180), /*withStderr=*/true);
+  ASSERT_TRUE(exited.finished && exited.signal == 0 && exited.exitCode == 0) << exited.output;
+  const auto exitEvents = [&] {
+    std::map<long, int> seen;
+    for (const auto& event : server->events()) {
+      auto value = nlohmann::json::parse(event.value, nullptr, false);
+      if (event.name == "ev_exit" && value.is_object()) ++seen[value["seq"].get<long>()];
+    }
+    return seen;
+  };
+  // The backend stores an event before it answers: the exit waited for the
+  // answers, so all three are there once the host is gone.
+  EXPECT_EQ(exitEvents(), (std::map<long, int>{{0, 1}, {1, 1}, {2, 1}}));
+
+  server->setFaults({});
+  auto flushed = run({"flush", "--wait", "60"});
+  EXPECT_EQ(flushed["remaining"], 0);
+  EXPECT_EQ(exitEvents(), (std::map<long, int>{{0, 1}, {1, 1}, {2, 1}}));
 }
 
 class DurabilityWithFailures : public Durability {
