@@ -2,17 +2,15 @@
 // application id it is given, starts the SDK over a bundle folder, delivers
 // one push payload in the background, and waits until the click on that
 // notification (made by the desktop's notification server) came back as the
-// in-app message page. It waits until its events were delivered, prints one
-// JSON line with what happened and quits. Exit status 0 when the page was
+// in-app message page. It keeps running until its events were delivered,
+// then prints one JSON line with what happened and quits. Exit status 0 when the page was
 // shown.
 //
 // usage: velquin-test-gtk-host APP_ID BUNDLE_DIR PAYLOAD_JSON
 #include <gtk/gtk.h>
 
-#include <chrono>
 #include <cstdio>
 #include <memory>
-#include <thread>
 
 #include "velquin/Bundle.h"
 #include "velquin/MainQueue.h"
@@ -30,6 +28,23 @@ struct Host {
   bool shown = false;
 };
 
+// Keeps the application going, and with it the SDK's main queue (which runs
+// on its context), until every event has been delivered, then quits. After
+// the application's loop has ended nothing runs that queue, so the SDK could
+// no longer tell whether the backend is reachable. The bound set at
+// activation still ends a run that never gets there.
+void quitOnceDelivered(Host* running) {
+  g_timeout_add(50, [](gpointer data) -> gboolean {
+    auto* host = static_cast<Host*>(data);
+    auto& analytics = velquin::Velquin::shared().analytics();
+    analytics.uploadCachedEvents();
+    if (analytics.cachedEventCount() != 0 || !analytics.isDeliveryIdle()) return G_SOURCE_CONTINUE;
+    host->result["eventsDelivered"] = true;
+    g_application_quit(G_APPLICATION(host->app));
+    return G_SOURCE_REMOVE;
+  }, running);
+}
+
 class PagePresenterOfHost final : public velquin::PagePresenter {
  public:
   explicit PagePresenterOfHost(Host* host) : host_(host) {}
@@ -38,7 +53,7 @@ class PagePresenterOfHost final : public velquin::PagePresenter {
     // On the main queue, which runs on GTK's context here.
     host_->shown = true;
     host_->result["inAppMessageBytes"] = html.size();
-    g_application_quit(G_APPLICATION(host_->app));
+    quitOnceDelivered(host_);
     return true;
   }
 
@@ -79,15 +94,7 @@ int main(int argc, char** argv) {
   char* args[] = {argv[0], nullptr};
   g_application_run(G_APPLICATION(host.app), 1, args);
   host.result["inAppMessageShown"] = host.shown;
-  // Every event out before the process ends (bounded).
-  auto& analytics = velquin::Velquin::shared().analytics();
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  do {
-    analytics.uploadCachedEvents();
-    if (analytics.cachedEventCount() == 0 && analytics.isDeliveryIdle()) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  } while (std::chrono::steady_clock::now() < deadline);
-  host.result["eventsDelivered"] = analytics.cachedEventCount() == 0;
+  if (!host.result.contains("eventsDelivered")) host.result["eventsDelivered"] = false;
   std::printf("%s\n", host.result.dump().c_str());
   g_object_unref(host.app);
   return host.shown ? 0 : 1;
