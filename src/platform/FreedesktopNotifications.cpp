@@ -25,48 +25,14 @@ struct PendingShow {
   UserNotification notification;
 };
 
-class FreedesktopCenter final : public UserNotificationCenter,
-                                public std::enable_shared_from_this<FreedesktopCenter> {
+class FreedesktopCenter final : public DesktopNotificationCenter {
  public:
   FreedesktopCenter(std::chrono::milliseconds timeout, ShowObserver observer)
       : timeout_(timeout), observer_(std::move(observer)) {}
 
-  void setDelegate(std::shared_ptr<UserNotificationCenterDelegate> delegate) override {
-    support::MutexLock lock(mutex_);
-    delegate_ = std::move(delegate);
-  }
-
-  std::shared_ptr<UserNotificationCenterDelegate> delegate() const override {
-    support::MutexLock lock(mutex_);
-    return delegate_;
-  }
-
-  void deliver(const UserNotification& notification, bool inFront) override {
-    std::weak_ptr<FreedesktopCenter> weak = weak_from_this();
-    MainQueue::shared().async([weak, notification, inFront] {
-      auto self = weak.lock();
-      if (!self) return;
-      if (!inFront) {
-        self->show(notification, NotificationPresentationOptions::sound |
-                                     NotificationPresentationOptions::alert);
-        return;
-      }
-      // In front, only what the delegate asks for is shown; without a
-      // delegate nothing is.
-      auto delegate = self->delegate();
-      if (!delegate) return;
-      delegate->willPresent(notification, [weak, notification](unsigned options) {
-        if ((options & NotificationPresentationOptions::alert) == 0) return;
-        MainQueue::shared().async([weak, notification, options] {
-          if (auto center = weak.lock()) center->show(notification, options);
-        });
-      });
-    });
-  }
-
  private:
   // Main queue only.
-  void show(const UserNotification& notification, unsigned options) {
+  void show(const UserNotification& notification, unsigned options) override {
     if (!connect()) {
       if (observer_) observer_(false);
       return;
@@ -88,7 +54,7 @@ class FreedesktopCenter final : public UserNotificationCenter,
     g_dbus_connection_call(connection_, kService, kPath, kInterface, "Notify", parameters,
                            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
                            static_cast<int>(timeout_.count()), nullptr, &onNotifyReply,
-                           new PendingShow{weak_from_this(), notification});
+                           new PendingShow{weakSelf<FreedesktopCenter>(), notification});
   }
 
   // Main queue only. Opens the session bus, follows which connection owns
@@ -118,16 +84,16 @@ class FreedesktopCenter final : public UserNotificationCenter,
                            center->ownerChanged(owner ? owner : "");
                          }
                        }),
-                       new std::weak_ptr<FreedesktopCenter>(weak_from_this()), &deleteWeak),
+                       new std::weak_ptr<FreedesktopCenter>(weakSelf<FreedesktopCenter>()), &deleteWeak),
         g_cclosure_new(G_CALLBACK(+[](GDBusConnection*, const gchar*, gpointer data) {
                          if (auto center = static_cast<std::weak_ptr<FreedesktopCenter>*>(data)->lock()) {
                            center->ownerChanged("");
                          }
                        }),
-                       new std::weak_ptr<FreedesktopCenter>(weak_from_this()), &deleteWeak));
+                       new std::weak_ptr<FreedesktopCenter>(weakSelf<FreedesktopCenter>()), &deleteWeak));
     g_dbus_connection_signal_subscribe(
         connection_, nullptr, kInterface, nullptr, kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-        &onSignal, new std::weak_ptr<FreedesktopCenter>(weak_from_this()),
+        &onSignal, new std::weak_ptr<FreedesktopCenter>(weakSelf<FreedesktopCenter>()),
         [](gpointer data) { delete static_cast<std::weak_ptr<FreedesktopCenter>*>(data); });
     return true;
   }
@@ -192,8 +158,6 @@ class FreedesktopCenter final : public UserNotificationCenter,
 
   const std::chrono::milliseconds timeout_;
   const ShowObserver observer_;
-  mutable support::Mutex mutex_;
-  std::shared_ptr<UserNotificationCenterDelegate> delegate_ GUARDED_BY(mutex_);
   // Owned by the main queue: the bus connection (kept for the process once
   // open), the unique name that owns the service (empty while none does)
   // and the notifications shown, by the server's id.
@@ -203,6 +167,39 @@ class FreedesktopCenter final : public UserNotificationCenter,
 };
 
 }  // namespace
+
+void DesktopNotificationCenter::setDelegate(std::shared_ptr<UserNotificationCenterDelegate> delegate) {
+  support::MutexLock lock(mutex_);
+  delegate_ = std::move(delegate);
+}
+
+std::shared_ptr<UserNotificationCenterDelegate> DesktopNotificationCenter::delegate() const {
+  support::MutexLock lock(mutex_);
+  return delegate_;
+}
+
+void DesktopNotificationCenter::deliver(const UserNotification& notification, bool inFront) {
+  std::weak_ptr<DesktopNotificationCenter> weak = weak_from_this();
+  MainQueue::shared().async([weak, notification, inFront] {
+    auto self = weak.lock();
+    if (!self) return;
+    if (!inFront) {
+      self->show(notification, NotificationPresentationOptions::sound |
+                                   NotificationPresentationOptions::alert);
+      return;
+    }
+    // In front, only what the delegate asks for is shown; without a
+    // delegate nothing is.
+    auto delegate = self->delegate();
+    if (!delegate) return;
+    delegate->willPresent(notification, [weak, notification](unsigned options) {
+      if ((options & NotificationPresentationOptions::alert) == 0) return;
+      MainQueue::shared().async([weak, notification, options] {
+        if (auto center = weak.lock()) center->show(notification, options);
+      });
+    });
+  });
+}
 
 std::shared_ptr<UserNotificationCenter> createFreedesktopNotificationCenter(
     std::chrono::milliseconds callTimeout, ShowObserver observer) {

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 
+#include "support/Mutex.h"
 #include "velquin/NotificationCenterProvider.h"
 
 namespace velquin::platform {
@@ -23,6 +24,32 @@ namespace velquin::platform {
 // Called on the main queue after each attempt to show a notification, with
 // whether the server took it.
 using ShowObserver = std::function<void(bool shown)>;
+
+// What the desktop's centres (this one and the GApplication one) share: one
+// delegate, and the rule of deliver(): in the background a notification is
+// shown with sound; in front only when the delegate's willPresent asks for
+// an alert, with the options it gave. Subclasses put it on the desktop.
+// Threads: any for the public calls; show() runs on the main queue.
+class DesktopNotificationCenter : public UserNotificationCenter,
+                                  public std::enable_shared_from_this<DesktopNotificationCenter> {
+ public:
+  void setDelegate(std::shared_ptr<UserNotificationCenterDelegate> delegate) override;
+  std::shared_ptr<UserNotificationCenterDelegate> delegate() const override;
+  void deliver(const UserNotification& notification, bool inFront) override;
+
+ protected:
+  // Main queue only.
+  virtual void show(const UserNotification& notification, unsigned options) = 0;
+  // This centre as its own type, for callbacks that must not keep it alive.
+  template <class Derived>
+  std::weak_ptr<Derived> weakSelf() {
+    return std::static_pointer_cast<Derived>(weak_from_this().lock());
+  }
+
+ private:
+  mutable support::Mutex mutex_;
+  std::shared_ptr<UserNotificationCenterDelegate> delegate_ GUARDED_BY(mutex_);
+};
 
 std::shared_ptr<UserNotificationCenter> createFreedesktopNotificationCenter(
     std::chrono::milliseconds callTimeout = std::chrono::seconds(3),

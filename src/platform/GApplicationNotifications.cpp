@@ -35,8 +35,7 @@ struct ClickRoutes {
 
 void onClickAction(GSimpleAction*, GVariant* parameter, gpointer);
 
-class GApplicationCenter final : public UserNotificationCenter,
-                                 public std::enable_shared_from_this<GApplicationCenter> {
+class GApplicationCenter final : public DesktopNotificationCenter {
  public:
   explicit GApplicationCenter(ShowObserver observer) : observer_(std::move(observer)) {}
 
@@ -44,38 +43,6 @@ class GApplicationCenter final : public UserNotificationCenter,
     auto& routes = ClickRoutes::shared();
     support::MutexLock lock(routes.mutex);
     for (const auto& id : order_) routes.routes.erase(id);
-  }
-
-  void setDelegate(std::shared_ptr<UserNotificationCenterDelegate> delegate) override {
-    support::MutexLock lock(mutex_);
-    delegate_ = std::move(delegate);
-  }
-
-  std::shared_ptr<UserNotificationCenterDelegate> delegate() const override {
-    support::MutexLock lock(mutex_);
-    return delegate_;
-  }
-
-  void deliver(const UserNotification& notification, bool inFront) override {
-    std::weak_ptr<GApplicationCenter> weak = weak_from_this();
-    MainQueue::shared().async([weak, notification, inFront] {
-      auto self = weak.lock();
-      if (!self) return;
-      if (!inFront) {
-        self->show(notification);
-        return;
-      }
-      // In front, only what the delegate asks for is shown; without a
-      // delegate nothing is.
-      auto delegate = self->delegate();
-      if (!delegate) return;
-      delegate->willPresent(notification, [weak, notification](unsigned options) {
-        if ((options & NotificationPresentationOptions::alert) == 0) return;
-        MainQueue::shared().async([weak, notification] {
-          if (auto center = weak.lock()) center->show(notification);
-        });
-      });
-    });
   }
 
   // Main queue only: a click on the notification `id` this centre showed.
@@ -86,8 +53,8 @@ class GApplicationCenter final : public UserNotificationCenter,
   }
 
  private:
-  // Main queue only.
-  void show(const UserNotification& notification) {
+  // Main queue only. The desktop decides on sound for a GNotification.
+  void show(const UserNotification& notification, unsigned) override {
     GApplication* app = g_application_get_default();
     if (!app || !g_application_get_is_registered(app)) {
       support::warn("Velquin: desktop notification not shown: the application is not registered");
@@ -119,7 +86,7 @@ class GApplicationCenter final : public UserNotificationCenter,
   void remember(const std::string& id, const UserNotification& notification) {
     auto& routes = ClickRoutes::shared();
     support::MutexLock lock(routes.mutex);
-    routes.routes[id] = weak_from_this();
+    routes.routes[id] = weakSelf<GApplicationCenter>();
     shown_[id] = notification;
     order_.push_back(id);
     if (order_.size() > kRemembered) {
@@ -130,8 +97,6 @@ class GApplicationCenter final : public UserNotificationCenter,
   }
 
   const ShowObserver observer_;
-  mutable support::Mutex mutex_;
-  std::shared_ptr<UserNotificationCenterDelegate> delegate_ GUARDED_BY(mutex_);
   // Main queue only (the destructor aside): the notifications shown, by
   // identifier, and their identifiers oldest first.
   std::map<std::string, UserNotification> shown_;
